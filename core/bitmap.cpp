@@ -1,0 +1,50 @@
+#include "core/bitmap.h"
+
+namespace QORV {
+
+bool BlockBitmap::Mark(uint64_t first, uint64_t n) {
+  if (first >= count_) return n == 0;
+  bool inside = n <= count_ - first;
+  uint64_t end = inside ? first + n : count_;
+  uint64_t i = first;
+  for (; i < end && (i & 7); ++i) bits_[i >> 3] |= uint8_t(1u << (i & 7));
+  for (; i + 8 <= end; i += 8) bits_[i >> 3] = 0xFF;
+  for (; i < end; ++i) bits_[i >> 3] |= uint8_t(1u << (i & 7));
+  return inside;
+}
+
+uint64_t CountSetBits(const uint8_t* bits, uint64_t count) {
+  uint64_t full = count >> 3, total = 0;
+  for (uint64_t i = 0; i < full; ++i) total += __builtin_popcount(bits[i]);
+  if (count & 7) total += __builtin_popcount(bits[full] & ((1u << (count & 7)) - 1));
+  return total;
+}
+
+uint64_t BlockBitmap::CountSet() const { return CountSetBits(bits_, count_); }
+
+bool RunWalker::Next(uint64_t* first, uint64_t* length) {
+  // Skip clear bits a byte at a time where possible.
+  while (pos_ < count_) {
+    if ((pos_ & 7) == 0 && bits_[pos_ >> 3] == 0) {
+      pos_ += 8;
+      continue;
+    }
+    if ((bits_[pos_ >> 3] >> (pos_ & 7)) & 1) break;
+    ++pos_;
+  }
+  if (pos_ >= count_) return false;
+  uint64_t start = pos_;
+  while (pos_ < count_ && pos_ - start < maxRun_) {
+    if ((pos_ & 7) == 0 && pos_ + 8 <= count_ && pos_ - start + 8 <= maxRun_ && bits_[pos_ >> 3] == 0xFF) {
+      pos_ += 8;
+      continue;
+    }
+    if (!((bits_[pos_ >> 3] >> (pos_ & 7)) & 1)) break;
+    ++pos_;
+  }
+  *first = start;
+  *length = pos_ - start;
+  return true;
+}
+
+}  // namespace QORV

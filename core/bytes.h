@@ -1,0 +1,54 @@
+// Bounds-checked little/big-endian readers over on-disk buffers. Reads
+// outside the view return 0 and never touch memory past the end; callers
+// that must tell "zero" from "absent" check Has() first.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace QORV {
+
+class ByteView {
+ public:
+  ByteView() = default;
+  ByteView(const void* data, size_t size) : p_(static_cast<const uint8_t*>(data)), n_(data ? size : 0) {}
+
+  const uint8_t* Data() const { return p_; }
+  size_t Size() const { return n_; }
+  bool Has(size_t off, size_t len) const { return off <= n_ && len <= n_ - off; }
+  // A sub-view; empty when the range is not inside this view.
+  ByteView Sub(size_t off, size_t len) const { return Has(off, len) ? ByteView(p_ + off, len) : ByteView(); }
+
+  uint8_t u8(size_t off) const { return Has(off, 1) ? p_[off] : 0; }
+  uint16_t le16(size_t off) const { return uint16_t(le(off, 2)); }
+  uint32_t le32(size_t off) const { return uint32_t(le(off, 4)); }
+  uint64_t le64(size_t off) const { return le(off, 8); }
+  uint16_t be16(size_t off) const { return uint16_t(be(off, 2)); }
+  uint32_t be32(size_t off) const { return uint32_t(be(off, 4)); }
+  uint64_t be64(size_t off) const { return be(off, 8); }
+  bool Equals(size_t off, const void* what, size_t len) const {
+    return Has(off, len) && std::memcmp(p_ + off, what, len) == 0;
+  }
+
+ private:
+  uint64_t le(size_t off, size_t len) const {
+    if (!Has(off, len)) return 0;
+    uint64_t v = 0;
+    for (size_t i = len; i-- > 0;) v = (v << 8) | p_[off + i];
+    return v;
+  }
+  uint64_t be(size_t off, size_t len) const {
+    if (!Has(off, len)) return 0;
+    uint64_t v = 0;
+    for (size_t i = 0; i < len; ++i) v = (v << 8) | p_[off + i];
+    return v;
+  }
+  const uint8_t* p_ = nullptr;
+  size_t n_ = 0;
+};
+
+inline bool IsPowerOfTwo(uint64_t v) { return v && !(v & (v - 1)); }
+// log2 of a power of two; -1 otherwise.
+inline int Log2Exact(uint64_t v) { return IsPowerOfTwo(v) ? __builtin_ctzll(v) : -1; }
+
+}  // namespace QORV
