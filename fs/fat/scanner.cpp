@@ -37,9 +37,7 @@ class FatTreeWalk {
 
   api::status_t WalkOne(uint32_t d, bool isRoot, std::vector<uint32_t>* subdirs);
   uint32_t MarkChain(const std::vector<FatExtent>& extents);
-  bool AlreadyWalked(uint32_t c) const {
-    return fs_->IsValidCluster(c) && visited_.Test(uint64_t(int64_t(c) + visitedBase_));
-  }
+  bool AlreadyWalked(uint32_t c) const { return visited_.Test(uint64_t(int64_t(c) + visitedBase_)); }
   static bool Fatal(api::status_t s) { return s == api::ERR_TOO_BIG || s == api::ERR_DEVICE_GONE; }
 
   CFileSystemFat* fs_;
@@ -63,7 +61,9 @@ api::status_t FatTreeWalk::Run() {
       continue;
     }
     uint32_t c = top.subdirs[top.next++];
-    if (AlreadyWalked(c)) {
+    // Cluster 0 would name the fixed FAT16 root again; anything out of range
+    // cannot be opened at all.
+    if (!fs_->IsValidCluster(c) || AlreadyWalked(c)) {
       ++problems_;
       continue;
     }
@@ -202,9 +202,10 @@ void DropBitmap(api::CLibEnv* env, uint8_t** bitmap) {
 }  // namespace
 
 api::status_t ScanFat(QORV_SCANNER_ARGS) {
-  if (!dev) return api::ERR_IO_RANGE;
+  // Outputs are cleared first so that no failure leaves a stale pointer behind.
   *bitmap = nullptr;
   *problems = 0;
+  if (!dev) return api::ERR_IO_RANGE;
   api::status_t s = ScanAs<CFileSystemFat32>(env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
   if (s == api::ERR_NOT_RECOGNIZED) {
     DropBitmap(env, bitmap);
