@@ -53,7 +53,7 @@ class TempDir {
 
 // Runs `shell` (with MDSNAP standing for the binary) under bash; stdout and
 // stderr are captured unless the command redirects them itself.
-inline RunResult Run(const TempDir& dir, const std::string& shell, const std::string& input = "/dev/null") {
+inline RunResult Sh(const TempDir& dir, const std::string& shell, const std::string& input = "/dev/null") {
   std::string cmd = shell;
   const std::string key = "MDSNAP";
   for (size_t at; (at = cmd.find(key)) != std::string::npos;) cmd.replace(at, key.size(), MDSNAP_BIN);
