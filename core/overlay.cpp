@@ -1,0 +1,64 @@
+#include "core/overlay.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace QORV {
+
+using namespace api;
+
+// Requests are decided sector by sector, even with nothing kept, so that a
+// kept sector always wins over the wrapped device.
+status_t CRWBlockMemMdSnap::ReadBytes(uint64_t offset, void* buffer, uint32_t count, uint32_t flags) {
+  uint8_t* out = static_cast<uint8_t*>(buffer);
+  while (count) {
+    uint32_t within = uint32_t(offset % kSector);
+    uint32_t piece = std::min<uint32_t>(kSector - within, count);
+    auto it = sectors_.find(offset / kSector);
+    if (it != sectors_.end()) {
+      if (!(flags & (READ_NO_DATA | READ_VERIFY)) && out) std::memcpy(out, it->second + within, piece);
+    } else {
+      if (!lower_) return ERR_IO_RANGE;
+      QORV_TRY(lower_->ReadBytes(offset, out, piece, flags));
+    }
+    offset += piece;
+    count -= piece;
+    if (out) out += piece;
+  }
+  return QORV_OK;
+}
+
+status_t CRWBlockMemMdSnap::WriteBytes(uint64_t offset, const void* buffer, uint32_t count, int32_t flags) {
+  const uint8_t* in = static_cast<const uint8_t*>(buffer);
+  while (count) {
+    uint32_t within = uint32_t(offset % kSector);
+    uint32_t piece = std::min<uint32_t>(kSector - within, count);
+    uint64_t key = offset / kSector;
+    auto it = sectors_.find(key);
+    if (it == sectors_.end()) {
+      uint8_t* data = static_cast<uint8_t*>(env_->mem->Allocate(kSector, ALLOC_ZERO));
+      if (!data) return ERR_NO_MEMORY;
+      if (piece != kSector) {
+        status_t s = lower_ ? lower_->ReadBytes(key * kSector, data, kSector, 0) : ERR_IO_RANGE;
+        if (s != QORV_OK) {
+          env_->mem->Free(data);
+          return s;
+        }
+      }
+      it = sectors_.emplace(key, data).first;
+    }
+    if ((flags & WRITE_ZEROS) || !in) std::memset(it->second + within, 0, piece);
+    else std::memcpy(it->second + within, in, piece);
+    offset += piece;
+    count -= piece;
+    if (in) in += piece;
+  }
+  return QORV_OK;
+}
+
+void CRWBlockMemMdSnap::Empty() {
+  for (auto& kv : sectors_) env_->mem->Free(kv.second);
+  sectors_.clear();
+}
+
+}  // namespace QORV

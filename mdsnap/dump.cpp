@@ -1,0 +1,267 @@
+// The dump: recognise the file system (or apply the head-only or raw rule),
+// then write header, bitmap, padding, every marked block and the tail.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "core/bitmap.h"
+#include "core/overlay.h"
+#include "fs/scanners.h"
+#include "mdsnap/image_format.h"
+#include "mdsnap/run.h"
+#include "mdsnap/scan_table.h"
+
+namespace mdsnap {
+
+using namespace api;
+
+namespace {
+
+status_t ApfsNoCipher(QORV_SCANNER_ARGS) {
+  return QORV::ScanApfs(env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems, 0);
+}
+
+constexpr ScannerSlot kScanners[] = {
+    {FS_NTFS, QORV::ScanNtfs, "NTFS"},
+    {FS_FAT_OTHER, QORV::ScanFat, "FAT"},
+    {FS_FAT, QORV::ScanFat, "FAT"},
+    {FS_EXFAT, QORV::ScanExFat, "exFAT"},
+    {FS_HFS, QORV::ScanHfs, "HFS"},
+    {FS_EXT, QORV::ScanExt, "ExtFs"},
+    {FS_REFS3_OLD, QORV::ScanRefs35Minus, "REFS 3.5-"},
+    {FS_REFS3_NEW, QORV::ScanRefs36Plus, "REFS 3.6+"},
+    {FS_REFS1, QORV::ScanRefs1, "REFS 1.x"},
+    {FS_BTRFS, QORV::ScanBtrfs, "Btrfs"},
+    {FS_APFS, ApfsNoCipher, "APFS"},
+};
+
+}  // namespace
+
+const ScannerSlot* FindScanner(uint32_t bit) {
+  for (const auto& s : kScanners)
+    if (s.bit == bit) return &s;
+  return nullptr;
+}
+
+status_t RecognizeAndScan(uint32_t fsMask, CLibEnv* env, IDeviceRWBlock* device, IMessage* msg, uint32_t scanFlags,
+                          ScanResult* out) {
+  *out = ScanResult();
+  QORV::CRWBlockMemMdSnap overlay(env, device);
+  IDeviceRWBlock* dev = (scanFlags & SCAN_NO_JOURNAL) ? device : &overlay;
+  status_t status = ERR_NOT_RECOGNIZED;
+  for (uint64_t bit = 1; bit <= 0x80000000u; bit <<= 1) {
+    if (!(fsMask & bit)) continue;
+    const ScannerSlot* slot = FindScanner(uint32_t(bit));
+    if (!slot) continue;
+    // Every attempt sees the volume as it is on disk.
+    overlay.Empty();
+    status = slot->entry(env, dev, msg, scanFlags, &out->bitmap, &out->blockCount, &out->blockShift, &out->problems);
+    if (status == QORV_OK) {
+      out->recognizedBit = uint32_t(bit);
+      if (msg) {
+        if (overlay.SectorCount())
+          msg->Trace(1, "0x%" PRIx64 " bytes written in memory.", overlay.SectorCount() * 512);
+        msg->Trace(1, "Recognized as %s.", slot->name);
+      }
+      break;
+    }
+    out->bitmap = nullptr;
+    if (status != ERR_NOT_RECOGNIZED) break;
+  }
+  if (status == ERR_NOT_RECOGNIZED && msg) {
+    msg->Trace(1, "mdsnap: failed to recognize filesystem from %x", fsMask);
+    msg->Trace(1, "%s", LibraryVersionText().c_str());
+  }
+  overlay.Empty();
+  return status;
+}
+
+uint32_t HeadOnlyShift(uint64_t size) {
+  uint32_t k = 0;
+  bool firstNonZero = true;
+  for (uint32_t i = 0; i <= 20; ++i) {
+    if ((size >> i) > 0xFFFFFFFFull) continue;
+    if (size & ((uint64_t(1) << i) - 1)) {
+      if (firstNonZero && i != 0) k = i;
+      break;
+    }
+    k = i;
+    if (i != 0) firstNonZero = false;
+  }
+  return k;
+}
+
+uint32_t RawShift(uint64_t size) {
+  uint32_t k = 9;
+  while (k < 20 && (size & ((uint64_t(1) << k) - 1)) == 0) ++k;
+  return k;
+}
+
+static status_t AllocateBitmap(CLibEnv* env, uint64_t count, uint8_t fill, uint8_t** out) {
+  uint64_t bytes = QORV::BlockBitmap::BytesFor(count);
+  *out = static_cast<uint8_t*>(env->mem->Allocate(size_t(bytes ? bytes : 1), ALLOC_ZERO));
+  if (!*out) return ERR_NO_MEMORY;
+  if (fill) std::memset(*out, fill, size_t(bytes));
+  return QORV_OK;
+}
+
+status_t HeadOnlyBitmap(CLibEnv* env, IDeviceRWBlock* device, IMessage* msg, ScanResult* out) {
+  *out = ScanResult();
+  msg->Trace(1, "Dump first 20M and last 1M.");
+  uint64_t size = device->GetSize();
+  uint32_t k = HeadOnlyShift(size);
+  uint64_t n = size >> k;
+  if (n > 0xFFFFFFFFull) {
+    msg->Trace(1, "Volume is too big to dump it");
+    return ERR_TOO_BIG;
+  }
+  QORV_TRY(AllocateBitmap(env, n, 0, &out->bitmap));
+  QORV::BlockBitmap bits(out->bitmap, n);
+  uint64_t head = uint64_t(20 * 1024 * 1024) >> k;
+  bits.Mark(0, head < n ? head : n);
+  uint64_t tail = uint64_t(1024 * 1024) >> k;
+  // A volume smaller than the tail range keeps only its head.
+  if (n >= tail) bits.Mark(n - tail, tail);
+  out->blockCount = n;
+  out->blockShift = k;
+  return QORV_OK;
+}
+
+// Reads volume bytes straight from the descriptor. Bytes past the volume's
+// end (a scanner's block that straddles a truncated volume) come back as zeros.
+static bool ReadVolume(int fd, uint64_t volumeSize, uint64_t offset, uint8_t* buf, uint32_t len) {
+  uint32_t inside = offset >= volumeSize ? 0 : uint32_t(volumeSize - offset < len ? volumeSize - offset : len);
+  uint32_t done = 0;
+  while (done < inside) {
+    ssize_t n = ::pread(fd, buf + done, inside - done, off_t(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += uint32_t(n);
+  }
+  std::memset(buf + inside, 0, len - inside);
+  return true;
+}
+
+status_t Dump(RunContext& ctx) {
+  const Options& opt = *ctx.opt;
+  IMessage* msg = ctx.msg;
+  bool verbose = opt.modeFlags & MODE_VERBOSE;
+  uint64_t volumeSectors = ctx.volumeSize >> ctx.sectorLog2;
+
+  ScanResult scan;
+  if (opt.modeFlags & MODE_RAW) {
+    uint32_t k = RawShift(ctx.volumeSize);
+    uint64_t n = ctx.volumeSize >> k;
+    if (n > 0xFFFFFFFFull) {
+      std::fprintf(stderr, "Volume is too big to dump in 32 bit OS\n");
+      return ERR_TOO_BIG;
+    }
+    QORV_TRY(AllocateBitmap(ctx.env, n, 0xFF, &scan.bitmap));
+    scan.blockCount = n;
+    scan.blockShift = k;
+  } else {
+    status_t s = (opt.scanFlags & SCAN_HEAD_ONLY)
+                     ? HeadOnlyBitmap(ctx.env, ctx.device, msg, &scan)
+                     : RecognizeAndScan(opt.fsMask, ctx.env, ctx.device, msg, opt.scanFlags, &scan);
+    *ctx.bitmap = scan.bitmap;
+    if (s == ERR_NOT_RECOGNIZED) {
+      msg->Trace(1, "Couldn't recognize FS, try '--head' option to capture only header/tail of volume.");
+      return s;
+    }
+    if (s != QORV_OK) return s;
+  }
+  *ctx.bitmap = scan.bitmap;
+
+  const uint64_t n = scan.blockCount;
+  const uint32_t k = scan.blockShift;
+  const uint64_t fsBytes = n > (UINT64_MAX >> k) ? UINT64_MAX : n << k;
+  if (verbose)
+    msg->Trace(1, "Bytes per file system 0x%" PRIx64 ", Bytes per volume 0x%" PRIx64 "\n", fsBytes, ctx.volumeSize);
+  uint64_t maxRun = uint64_t(kWorkBufferSize) >> k;
+  if (maxRun == 0) maxRun = 1;  // blocks larger than the buffer move in pieces
+  uint64_t total = QORV::CountSetBits(scan.bitmap, n);
+  SizeGb fsGb = ToGb(fsBytes);
+  msg->BeginProgress("Dumping \"%s\" (%u.%02u GB) ...", ctx.deviceName, fsGb.whole, fsGb.hundredths);
+  msg->SetTotal(0, &total, nullptr);
+
+  status_t status = QORV_OK;
+  uint64_t data = 0, lastRead = 0;
+  char header[kHeaderSize];
+  FormatHeader(header, volumeSectors, ctx.volumeSize, n, k, ctx.deviceName);
+  uint64_t bitmapBytes = BitmapBytes(n), dataOffset = DataOffset(n);
+  IMessage* splitLog = verbose ? msg : nullptr;
+  do {
+    if (!WriteAll(ctx.imageFd, header, kHeaderSize, nullptr)) {
+      msg->Trace(1, "failed to write header: %s", std::strerror(errno));
+      status = ERR_WRITE_FAILED;
+      break;
+    }
+    if (!WriteAll(ctx.imageFd, scan.bitmap, bitmapBytes, splitLog)) {
+      msg->Trace(1, "failed to write bitmap to dump file");
+      status = ERR_WRITE_FAILED;
+      break;
+    }
+    if (verbose) msg->Trace(1, "DataOffset %zx\n", size_t(dataOffset));
+    std::memset(ctx.work, 0, 4096);
+    if (!WriteAll(ctx.imageFd, ctx.work, dataOffset - kHeaderSize - bitmapBytes, splitLog)) {
+      msg->Trace(1, "failed to write aligned tail to dump file");
+      status = ERR_WRITE_FAILED;
+      break;
+    }
+    QORV::RunWalker runs(scan.bitmap, n, maxRun);
+    uint64_t first, count;
+    while (status == QORV_OK && runs.Next(&first, &count)) {
+      msg->AddPosition(&count);
+      if (msg->CheckBreak(false)) {
+        status = ERR_TOO_BIG;
+        break;
+      }
+      uint64_t offset = first << k, bytes = count << k;
+      for (uint64_t done = 0; done < bytes;) {
+        uint32_t piece = uint32_t(bytes - done < kWorkBufferSize ? bytes - done : kWorkBufferSize);
+        if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work, piece)) {
+          msg->Trace(1, "failed to read device");
+          status = ERR_SHORT_IO;
+          break;
+        }
+        if (!WriteAll(ctx.imageFd, ctx.work, piece, splitLog)) {
+          msg->Trace(1, "failed to write dump file");
+          status = ERR_WRITE_FAILED;
+          break;
+        }
+        done += piece;
+        data += piece;
+      }
+      lastRead = offset + bytes;
+    }
+  } while (false);
+  msg->EndProgress();
+  if (status != QORV_OK) return status;
+
+  const char* suffix = "";
+  if (verbose) msg->Trace(1, "Try to dump tail of volume. last read 0x%" PRIx64 "\n", lastRead);
+  if (fsBytes < ctx.volumeSize && lastRead + kTailMin <= ctx.volumeSize) {
+    uint64_t at = ctx.volumeSize > kTailSize ? ctx.volumeSize - kTailSize : 0;
+    ssize_t got = ::pread(ctx.deviceFd, ctx.work, kTailSize, off_t(at));
+    if (got < ssize_t(kTailMin)) {
+      if (verbose) msg->Trace(1, "%d: Failed to read last 1024 bytes st 0x%" PRIx64 "\n", int(got), at);
+    } else if (!WriteAll(ctx.imageFd, ctx.work, uint64_t(got), nullptr)) {
+      msg->Trace(1, "failed to backup tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
+    } else {
+      data += uint64_t(got);
+      suffix = " (including tail)";
+      if (verbose) msg->Trace(1, "Dumped 0x%x last bytes\n", unsigned(got));
+    }
+  }
+  uint64_t imageSize = dataOffset + data;
+  SizeGb imageGb = ToGb(imageSize);
+  msg->Trace(1, "Dumped %" PRIu64 " bytes of volume (%u%%). Image size %" PRIu64 " bytes%s, (%u.%02u GB)\n", data,
+             unsigned(ctx.volumeSize ? data * 100 / ctx.volumeSize : 0), imageSize, suffix, imageGb.whole,
+             imageGb.hundredths);
+  return QORV_OK;
+}
+
+}  // namespace mdsnap

@@ -1,0 +1,187 @@
+// The restore: every stored block back at its offset, then the tail at the
+// target's end.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "core/bitmap.h"
+#include "mdsnap/image_format.h"
+#include "mdsnap/run.h"
+#include "platform/platform.h"
+
+namespace mdsnap {
+
+using namespace api;
+
+// Writes len bytes at offset; bytes past the end of the target are dropped,
+// so a block that straddles the end of the source volume cannot grow the file.
+static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t offset, const uint8_t* buf, uint32_t len,
+                            IMessage* msg) {
+  if (offset >= targetSize) return QORV_OK;
+  if (targetSize - offset < len) len = uint32_t(targetSize - offset);
+  ssize_t n = ::pwrite(fd, buf, len, off_t(offset));
+  if (n <= 0) {
+    msg->Trace(1, "failed to write device: %s", std::strerror(n < 0 ? errno : ENOSPC));
+    return ERR_WRITE_FAILED;
+  }
+  if (uint32_t(n) != len) {
+    std::fprintf(stderr, "failed to write to device %zd instead of %u)\n", n, len);
+    return ERR_WRITE_FAILED;
+  }
+  return QORV_OK;
+}
+
+status_t Restore(RunContext& ctx) {
+  const Options& opt = *ctx.opt;
+  IMessage* msg = ctx.msg;
+  bool verbose = opt.modeFlags & MODE_VERBOSE;
+  const char* name = ctx.deviceName;
+  uint64_t targetSize = ctx.volumeSize;
+  uint64_t targetSectors = targetSize >> ctx.sectorLog2;
+  SizeGb targetGb = ToGb(targetSize);
+
+  char raw[kHeaderSize];
+  ssize_t got = ::read(ctx.imageFd, raw, kHeaderSize);
+  if (got != ssize_t(kHeaderSize)) {
+    msg->Trace(1, "failed to read dump file header: %s", std::strerror(got < 0 ? errno : EIO));
+    return ERR_SHORT_IO;
+  }
+  ImageHeader h;
+  if (!ParseHeader(raw, &h)) {
+    std::fprintf(stderr, "failed to parse dump file header\n");
+    return ERR_IO_RANGE;
+  }
+  uint64_t imageBytes;
+  if (h.version == 1) {
+    if (h.byteSize > targetSize) {
+      uint64_t imageSectors = h.byteSize >> ctx.sectorLog2;
+      msg->Trace(1,
+                 "WARNING: mdsnap's volume size is at least 0x%" PRIx64 " sectors while \"%s\" size is 0x%" PRIx64
+                 " sectors\n",
+                 imageSectors, name, targetSectors);
+      return ERR_IO_RANGE;
+    }
+    imageBytes = h.byteSize;
+  } else {
+    uint32_t sector = EstimateSectorSizeForRestore(h);
+    if (sector != (1u << ctx.sectorLog2))
+      msg->Trace(1, "WARNING: bytes per sector %u in mdsnap image does not match device's bytes per sector %u\n",
+                 sector, 1u << ctx.sectorLog2);
+    uint32_t log2 = __builtin_ctz(sector);
+    imageBytes = h.sectors > (UINT64_MAX >> log2) ? UINT64_MAX : h.sectors << log2;
+    if (opt.modeFlags & MODE_CREATE) {
+      msg->Trace(1, "Resizing file \"%s\"\n", name);
+      if (imageBytes <= uint64_t(INT64_MAX) && ::ftruncate(ctx.deviceFd, off_t(imageBytes)) == 0)
+        targetSize = imageBytes;
+      else
+        std::fprintf(stderr, "failed to resize file\n");
+    }
+  }
+  if (imageBytes > targetSize) {
+    std::fprintf(stderr, "WARNING: mdsnap's volume size in bytes 0x%" PRIx64 " > 0x%" PRIx64 " - size of \"%s\"\n",
+                 imageBytes, targetSize, name);
+    return ERR_IO_RANGE;
+  }
+  if (imageBytes < targetSize)
+    msg->Trace(1, "WARNING: mdsnap's volume size 0x%" PRIx64 " bytes < \"%s\" size 0x%" PRIx64 " bytes\n", imageBytes,
+               name, targetSize);
+
+  const uint64_t n = h.blockCount;
+  const uint32_t k = h.blockShift;
+  const uint64_t fsBytes = n > (UINT64_MAX >> k) ? UINT64_MAX : n << k;
+  uint64_t maxRun = uint64_t(kWorkBufferSize) >> k;
+  if (maxRun == 0) maxRun = 1;
+  if (verbose)
+    msg->Trace(1, "Bytes per file system 0x%" PRIx64 ", Bytes per volume 0x%" PRIx64 "\n", fsBytes, targetSize);
+  if (n > 0xFFFFFFFFull) {
+    std::fprintf(stderr, "Volume is too big to restore in 32 bit OS\n");
+    return ERR_TOO_BIG;
+  }
+  uint64_t bitmapBytes = BitmapBytes(n);
+  uint8_t* bitmap = static_cast<uint8_t*>(ctx.env->mem->Allocate(size_t(bitmapBytes ? bitmapBytes : 1), ALLOC_ZERO));
+  if (!bitmap) {
+    std::fprintf(stderr, "Failed to allocate bitmap buffer of size %zx\n", size_t(bitmapBytes));
+    return ERR_NO_MEMORY;
+  }
+  *ctx.bitmap = bitmap;
+  IMessage* splitLog = verbose ? msg : nullptr;
+  if (!ReadAll(ctx.imageFd, bitmap, bitmapBytes, splitLog)) {
+    msg->Trace(1, "failed to read dump file bitmap");
+    return ERR_SHORT_IO;
+  }
+  uint64_t total = QORV::CountSetBits(bitmap, n);
+  msg->BeginProgress("Restoring \"%s\" (%u.%02u Gb) from (%u.%02u GB)...", name, targetGb.whole,
+                     targetGb.hundredths, h.gb, h.hundredths);
+  msg->SetTotal(0, &total, nullptr);
+
+  status_t status = QORV_OK;
+  uint64_t restored = 0, lastWrote = 0;
+  uint64_t dataOffset = DataOffset(n);
+  do {
+    if (verbose) msg->Trace(1, "DataOffset %zx\n", size_t(dataOffset));
+    if (!ReadAll(ctx.imageFd, ctx.work, dataOffset - kHeaderSize - bitmapBytes, splitLog)) {
+      msg->Trace(1, "failed to read aligned tail from dump file");
+      status = ERR_SHORT_IO;
+      break;
+    }
+    QORV::RunWalker runs(bitmap, n, maxRun);
+    uint64_t first, count;
+    while (status == QORV_OK && runs.Next(&first, &count)) {
+      msg->AddPosition(&count);
+      if (msg->CheckBreak(false)) {
+        status = ERR_TOO_BIG;
+        break;
+      }
+      if (first > (UINT64_MAX >> k) || count > ((UINT64_MAX >> k) - first)) {
+        msg->Trace(1, "failed to read dump file data");
+        status = ERR_SHORT_IO;
+        break;
+      }
+      uint64_t offset = first << k, bytes = count << k;
+      for (uint64_t done = 0; done < bytes && status == QORV_OK;) {
+        uint32_t piece = uint32_t(bytes - done < kWorkBufferSize ? bytes - done : kWorkBufferSize);
+        if (!ReadAll(ctx.imageFd, ctx.work, piece, splitLog)) {
+          msg->Trace(1, "failed to read dump file data");
+          status = ERR_SHORT_IO;
+          break;
+        }
+        status = WriteTarget(ctx.deviceFd, targetSize, offset + done, ctx.work, piece, msg);
+        done += piece;
+        restored += piece;
+      }
+      lastWrote = offset + bytes;
+    }
+  } while (false);
+  msg->EndProgress();
+  if (status != QORV_OK) return status;
+
+  const char* suffix = "";
+  if (fsBytes < targetSize) {
+    if (verbose) msg->Trace(1, "Try to restore tail of volume. last wrote 0x%" PRIx64 "\n", lastWrote);
+    if (lastWrote + kTailMin <= targetSize) {
+      uint64_t tail = ReadUpTo(ctx.imageFd, ctx.work, kTailSize);
+      if (tail >= kTailMin && tail <= targetSize) {
+        uint64_t at = targetSize - tail;
+        if (::pwrite(ctx.deviceFd, ctx.work, size_t(tail), off_t(at)) == ssize_t(tail)) {
+          restored += tail;
+          suffix = " (including tail)";
+          if (verbose) msg->Trace(1, "Restored 0x%x tail bytes of volume at 0x%" PRIx64 "\n", unsigned(tail), at);
+        } else {
+          std::fprintf(stderr, "failed to restore tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
+        }
+      } else if (verbose) {
+        msg->Trace(1, "%d: Failed to read last 1024 bytes of image at 0x%" PRIx64 "\n", int(tail),
+                   dataOffset + restored);
+      }
+    }
+  }
+  FlushDeviceCaches(ctx.device);
+  SizeGb gb = ToGb(restored);
+  msg->Trace(1, "Restored %" PRIu64 " bytes%s, (%u.%02u GB)\n", restored, suffix, gb.whole, gb.hundredths);
+  return QORV_OK;
+}
+
+}  // namespace mdsnap

@@ -1,0 +1,43 @@
+// What a dump or restore run is handed by the command line.
+#pragma once
+#include <cstdint>
+
+#include "core/api/device.h"
+#include "core/api/message.h"
+#include "core/api/scanner.h"
+#include "mdsnap/options.h"
+
+namespace mdsnap {
+
+constexpr uint32_t kWorkBufferSize = 2 * 1024 * 1024;
+
+struct RunContext {
+  const Options* opt = nullptr;
+  const char* deviceName = nullptr;
+  int imageFd = -1;                        // the image file, or standard output/input
+  api::IDeviceRWBlock* device = nullptr;
+  int deviceFd = -1;                       // the dump reads and the restore writes blocks here directly
+  api::IMessage* msg = nullptr;            // never null (a silent sink prints nothing)
+  api::CLibEnv* env = nullptr;
+  uint8_t* work = nullptr;                 // kWorkBufferSize bytes
+  uint64_t volumeSize = 0;
+  uint32_t sectorLog2 = 9;
+  uint8_t** bitmap = nullptr;              // out: freed by the caller through env->mem
+};
+
+api::status_t Dump(RunContext& ctx);
+api::status_t Restore(RunContext& ctx);
+// Describes an image; returns 0, -4, -5 or -6.
+int Info(const Options& opt, const char* path);
+
+// Whole command-line run; returns the full 32-bit status (the process sees
+// its low 8 bits).
+int RunMain(int argc, char** argv);
+
+// Image-stream transfers of any length, split into calls of at most 256 MiB.
+bool WriteAll(int fd, const void* buf, uint64_t len, api::IMessage* verbose);
+bool ReadAll(int fd, void* buf, uint64_t len, api::IMessage* verbose);
+// Reads up to len bytes, looping over short reads; returns the count read.
+uint64_t ReadUpTo(int fd, void* buf, uint64_t len);
+
+}  // namespace mdsnap

@@ -1,0 +1,284 @@
+// End-to-end runs of the mdsnap binary: raw and head-only dumps, restores,
+// info, pipes, and the failures a user meets.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "mdsnap/image_format.h"
+#include "tests/support/cli.h"
+
+using namespace testsupport;
+
+namespace {
+
+constexpr int kUsage = 234;  // -22
+constexpr int kNotRecognized = 0x06;
+constexpr int kIoRange = 0x01;
+constexpr int kShortIo = 0x0C;
+
+// A file of `size` bytes with a recognisable pattern (no file system).
+std::string MakeVolume(const TempDir& dir, const std::string& name, uint64_t size) {
+  std::string path = dir / name;
+  std::string bytes(size, '\0');
+  uint32_t x = 2463534242u;
+  for (uint64_t i = 0; i < size; ++i) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    bytes[i] = char(x);
+  }
+  WriteFile(path, bytes);
+  return path;
+}
+
+mdsnap::ImageHeader HeaderOf(const std::string& image) {
+  std::string bytes = ReadFile(image);
+  mdsnap::ImageHeader h;
+  EXPECT_GE(bytes.size(), 64u);
+  if (bytes.size() >= 64) EXPECT_TRUE(mdsnap::ParseHeader(bytes.data(), &h));
+  return h;
+}
+
+}  // namespace
+
+TEST(Cli, UsageHelpAndVersions) {
+  TempDir dir;
+  RunResult none = Sh(dir, "MDSNAP");
+  EXPECT_EQ(none.status, kUsage);
+  EXPECT_EQ(none.out.rfind("Dump/Restore NTFS/HFS+/ExFAT/FAT/Ext/ReFS/APFS volumes (metadata only)\nUsage: mdsnap", 0),
+            0u);
+  EXPECT_NE(none.out.find("E.g. mdsnap \\\\?\\Volume{d7c5ce70-3220-11db-b0fb-005056c00008} < dump\n"),
+            std::string::npos);
+  EXPECT_EQ(none.err, "");
+  RunResult help = Sh(dir, "MDSNAP --help");
+  EXPECT_EQ(help.status, kUsage);
+  EXPECT_EQ(help.out, none.out);
+  RunResult version = Sh(dir, "MDSNAP --version");
+  EXPECT_EQ(version.status, 1);
+  EXPECT_EQ(version.out.rfind("mdsnap (", 0), 0u);
+  EXPECT_NE(version.out.find(")\nQORV\n"), std::string::npos);
+  RunResult lib = Sh(dir, "MDSNAP --qorvversion");
+  EXPECT_EQ(lib.status, 1);
+  EXPECT_EQ(lib.out.rfind("QORV version 12.00 (", 0), 0u);
+}
+
+TEST(Cli, ArgumentErrorsAndModeRules) {
+  TempDir dir;
+  RunResult two = Sh(dir, "MDSNAP a b");
+  EXPECT_EQ(two.status, kUsage);
+  EXPECT_EQ(two.err, "Error in argument: \"b\"\n");
+  RunResult ddRestore = Sh(dir, "MDSNAP --dump -dd --restore x");
+  EXPECT_EQ(ddRestore.status, kUsage);
+  EXPECT_EQ(ddRestore.err, "-dd assumes dump\n");
+  // Redirected standard input means restore, so -dd is refused there too.
+  RunResult ddPiped = Sh(dir, "echo | MDSNAP -dd x");
+  EXPECT_EQ(ddPiped.err, "-dd assumes dump\n");
+  RunResult noImage = Sh(dir, "MDSNAP --dump -info");
+  EXPECT_EQ(noImage.status, kUsage);
+  EXPECT_EQ(noImage.err, "to get info you should supply dump file\n");
+  RunResult noDevice = Sh(dir, "MDSNAP --dump -f:x.mds");
+  EXPECT_EQ(noDevice.status, kUsage);
+  EXPECT_EQ(noDevice.err, "Device is not supplied\n");
+  RunResult missing = Sh(dir, "MDSNAP --dump -f:x.mds /nonexistent/volume");
+  EXPECT_EQ(missing.status, 256 - 2);  // the open's errno, negated
+  EXPECT_NE(missing.err.find("Can't open \"/nonexistent/volume\" : No such file or directory\n"), std::string::npos);
+}
+
+TEST(Cli, UnrecognisedVolumeSuggestsHead) {
+  TempDir dir;
+  std::string vol = MakeVolume(dir, "noise.img", 3 << 20);
+  RunResult r = Sh(dir, "MDSNAP --dump --nopercents -f:img.mds " + vol);
+  EXPECT_EQ(r.status, kNotRecognized);
+  EXPECT_NE(r.out.find("mdsnap: failed to recognize filesystem from ffffffff\nQORV version 12.00"), std::string::npos);
+  EXPECT_NE(r.out.find("Couldn't recognize FS, try '--head' option to capture only header/tail of volume.\n"),
+            std::string::npos);
+}
+
+TEST(Cli, RawDumpRestoresByteForByteAtOddSizes) {
+  // Sizes: a multiple of 1 MiB (K = 20), of 512 but not 1024 (K = 10, last
+  // half block through the tail), and not even of 512.
+  for (uint64_t size : {uint64_t(2) << 20, (uint64_t(1) << 20) + 512, uint64_t(300000), uint64_t(700)}) {
+    TempDir dir;
+    std::string vol = MakeVolume(dir, "vol.img", size);
+    RunResult d = Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img");
+    ASSERT_EQ(d.status, 0) << size << d.out << d.err;
+    mdsnap::ImageHeader h = HeaderOf(dir / "img.mds");
+    uint32_t k = size % (1 << 20) == 0 ? 20 : size % 1024 == 512 ? 10 : 9;
+    EXPECT_EQ(h.blockShift, k) << size;
+    EXPECT_EQ(h.blockCount, size >> k) << size;
+    uint64_t stored = (size >> k) << k;
+    bool tail = stored + 512 <= size;
+    uint64_t tailBytes = tail ? (size < 1024 ? size : 1024) : 0;
+    EXPECT_EQ(FileSize(dir / "img.mds"), mdsnap::DataOffset(h.blockCount) + stored + tailBytes) << size;
+    EXPECT_NE(d.out.find(tail ? " (including tail), (" : " bytes, (0.00 GB)"), std::string::npos) << d.out;
+    RunResult r = Sh(dir, "MDSNAP --restore -c --nopercents -f:img.mds out.img");
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    // The header counts whole sectors: a partial last sector is not restored.
+    uint64_t sectors = (size >> 9) << 9;
+    std::string restored = ReadFile(dir / "out.img");
+    ASSERT_EQ(restored.size(), sectors);
+    EXPECT_TRUE(restored == ReadFile(vol).substr(0, sectors)) << size;
+  }
+}
+
+TEST(Cli, HeaderAndLayoutOfARawImage) {
+  TempDir dir;
+  MakeVolume(dir, "vol.img", 4 << 20);
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
+  std::string img = ReadFile(dir / "img.mds");
+  ASSERT_GE(img.size(), 4096u);
+  EXPECT_EQ(std::string(img.c_str()), "V: 2000, 0.00 Gb, C: 4 x 14, w: vol.img");
+  EXPECT_EQ(uint8_t(img[64]), 0xFFu);  // a raw bitmap is all ones, even past N
+  for (size_t i = 65; i < 4096; ++i) ASSERT_EQ(img[i], 0) << i;
+  EXPECT_EQ(img.size(), 4096u + (4u << 20));
+  EXPECT_TRUE(img.substr(4096) == ReadFile(dir / "vol.img"));
+}
+
+TEST(Cli, HeadOnlyOnBoundarySizes) {
+  TempDir dir;
+  // Exactly 1 GiB, sparse: 20 MiB head and 1 MiB tail in 1 MiB blocks.
+  std::string big = dir / "big.img";
+  WriteFile(big, "");
+  ASSERT_EQ(::truncate(big.c_str(), 1 << 30), 0);
+  RunResult d = Sh(dir, "MDSNAP --dump --head --nopercents -f:big.mds big.img");
+  ASSERT_EQ(d.status, 0) << d.out << d.err;
+  EXPECT_NE(d.out.find("Dump first 20M and last 1M.\n"), std::string::npos);
+  mdsnap::ImageHeader h = HeaderOf(dir / "big.mds");
+  EXPECT_EQ(h.blockShift, 20u);
+  EXPECT_EQ(h.blockCount, 1024u);
+  EXPECT_EQ(h.gb, 1u);
+  EXPECT_EQ(h.hundredths, 0u);
+  EXPECT_EQ(FileSize(dir / "big.mds"), 4096u + (21u << 20));
+
+  // Smaller than 1 MiB: only the head range, which is the whole volume.
+  std::string small = MakeVolume(dir, "small.img", 700 * 1024);
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump --head --nopercents -f:small.mds small.img").status, 0);
+  mdsnap::ImageHeader s = HeaderOf(dir / "small.mds");
+  EXPECT_EQ(s.blockCount << s.blockShift, 700u * 1024);
+  ASSERT_EQ(Sh(dir, "MDSNAP --restore -c --nopercents -f:small.mds small.out").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "small.out") == ReadFile(small));
+}
+
+TEST(Cli, PipesInBothDirections) {
+  TempDir dir;
+  std::string vol = MakeVolume(dir, "vol.img", (3 << 20) + 512);
+  RunResult d = Sh(dir, "MDSNAP --dump -dd vol.img > img.mds");
+  ASSERT_EQ(d.status, 0) << d.err;
+  // Messages went to standard error; standard output carried only the image.
+  EXPECT_NE(d.err.find("Dumped "), std::string::npos);
+  mdsnap::ImageHeader h = HeaderOf(dir / "img.mds");
+  EXPECT_EQ(h.blockShift, 10u);
+  RunResult r = Sh(dir, "MDSNAP -c --nopercents out.img < img.mds");
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_TRUE(ReadFile(dir / "out.img") == ReadFile(vol));
+  if (HaveTool("zstd")) {
+    ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent vol.img | zstd -q > img.mds.zst").status, 0);
+    RunResult z = Sh(dir, "zstd -dc img.mds.zst | MDSNAP --restore -c --nopercents z.img");
+    ASSERT_EQ(z.status, 0) << z.err;
+    EXPECT_TRUE(ReadFile(dir / "z.img") == ReadFile(vol));
+  }
+  RunResult info = Sh(dir, "cat img.mds | MDSNAP -info");
+  EXPECT_EQ(info.status, 0);
+  EXPECT_EQ(info.out, "unknown, 300200 (1801 x 200), 0.00 GB\n");
+}
+
+TEST(Cli, RestoreTargetsSmallerAndLarger) {
+  TempDir dir;
+  MakeVolume(dir, "vol.img", 2 << 20);
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
+  std::string small = MakeVolume(dir, "small.img", 1 << 20);
+  std::string before = ReadFile(small);
+  RunResult s = Sh(dir, "MDSNAP --restore --nopercents -f:img.mds small.img");
+  EXPECT_EQ(s.status, kIoRange);
+  EXPECT_NE(s.err.find("WARNING: mdsnap's volume size in bytes 0x200000 > 0x100000 - size of \"small.img\"\n"),
+            std::string::npos)
+      << s.err;
+  EXPECT_TRUE(ReadFile(small) == before);  // nothing written
+
+  std::string large = dir / "large.img";
+  WriteFile(large, "");
+  ASSERT_EQ(::truncate(large.c_str(), 3 << 20), 0);
+  RunResult l = Sh(dir, "MDSNAP --restore --nopercents -f:img.mds large.img");
+  EXPECT_EQ(l.status, 0) << l.err;
+  EXPECT_NE(l.out.find("WARNING: mdsnap's volume size 0x200000 bytes < \"large.img\" size 0x300000 bytes\n"),
+            std::string::npos);
+  EXPECT_TRUE(ReadFile(large).substr(0, 2 << 20) == ReadFile(dir / "vol.img"));
+  EXPECT_EQ(FileSize(large), 3u << 20);
+}
+
+TEST(Cli, TruncatedAndCorruptImages) {
+  TempDir dir;
+  MakeVolume(dir, "vol.img", 1 << 20);
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
+  std::string img = ReadFile(dir / "img.mds");
+  struct Case {
+    size_t keep;
+    int status;
+    const char* message;
+  } cases[] = {
+      {10, kShortIo, "failed to read dump file header"},
+      {64, kShortIo, "failed to read dump file bitmap"},
+      {100, kShortIo, "failed to read aligned tail from dump file"},
+      {4096 + 1000, kShortIo, "failed to read dump file data"},
+  };
+  for (const Case& c : cases) {
+    WriteFile(dir / "cut.mds", img.substr(0, c.keep));
+    RunResult r = Sh(dir, "MDSNAP --restore -c --nopercents -f:cut.mds out.img");
+    EXPECT_EQ(r.status, c.status) << c.keep;
+    EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << c.keep << r.out << r.err;
+  }
+  std::string bad = img;
+  std::memcpy(&bad[0], "garbage header!", 15);
+  WriteFile(dir / "bad.mds", bad);
+  RunResult r = Sh(dir, "MDSNAP --restore -c --nopercents -f:bad.mds out.img");
+  EXPECT_EQ(r.status, kIoRange);
+  EXPECT_NE(r.err.find("failed to parse dump file header\n"), std::string::npos);
+  EXPECT_EQ(Sh(dir, "MDSNAP -info bad.mds").status, 256 - 6);
+  EXPECT_EQ(Sh(dir, "MDSNAP -info cut.mds").status, 0);
+  WriteFile(dir / "tiny.mds", "V: 1");
+  EXPECT_EQ(Sh(dir, "MDSNAP -info tiny.mds").status, 256 - 5);
+  EXPECT_EQ(Sh(dir, "MDSNAP -info nothere.mds").status, 256 - 4);
+  // A hostile block count: refused before any allocation.
+  std::string huge(64, '\0');
+  std::string text = "V: 800, 0.00 Gb, C: 100000000 x 9, w: x";
+  huge.replace(0, text.size(), text);
+  WriteFile(dir / "huge.mds", huge);
+  RunResult h = Sh(dir, "MDSNAP --restore -c --nopercents -f:huge.mds out2.img");
+  EXPECT_EQ(h.status, 0x28);
+  EXPECT_NE(h.err.find("Volume is too big to restore in 32 bit OS"), std::string::npos);
+}
+
+TEST(Cli, ImageWithoutTailRestoresAndReportsTheMissingTail) {
+  TempDir dir;
+  MakeVolume(dir, "vol.img", (1 << 20) + 512);
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
+  std::string img = ReadFile(dir / "img.mds");
+  WriteFile(dir / "notail.mds", img.substr(0, img.size() - 1024));
+  RunResult r = Sh(dir, "MDSNAP --restore -c --verbose --nopercents -f:notail.mds out.img");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("0: Failed to read last 1024 bytes of image at 0x"), std::string::npos) << r.out;
+}
+
+TEST(Cli, InfoNamesTheFileSystemOfSampleVolumes) {
+  struct Sample {
+    const char* fixture;
+    const char* tag;
+  } samples[] = {
+      {"fat/fat32_winxp_label.img.zst", "FAT32"},    {"exfat/exfat_win_512b_cluster.img.zst", "exFAT"},
+      {"ext/ext3_2003_dftt_1k.img.zst", "ExtFS"},    {"ntfs/ntfs_winxp_ru_10m.img.zst", "NTFS"},
+      {"hfsplus/hfsplus_dfvfs_small.img.zst", "HFS+"}, {"hfsx/hfsx_case_sensitive_hdiutil.img.zst", "HFSX"},
+      {"apfs/apfs_dfvfs_small.img.zst", "APFS"},
+  };
+  for (const Sample& s : samples) {
+    TempDir dir;
+    std::string vol = Fixture(dir, s.fixture);
+    if (vol.empty()) GTEST_SKIP() << "sample volumes or zstd not available: " << s.fixture;
+    ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent -f:img.mds '" + vol + "'").status, 0) << s.fixture;
+    RunResult info = Sh(dir, "MDSNAP -info img.mds");
+    EXPECT_EQ(info.status, 0);
+    EXPECT_EQ(info.out.substr(0, info.out.find(',')), s.tag) << info.out;
+    RunResult piped = Sh(dir, "MDSNAP -info < img.mds");
+    EXPECT_EQ(piped.out, info.out);
+  }
+}
