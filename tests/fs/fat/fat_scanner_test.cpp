@@ -18,30 +18,9 @@
 #include "core/api/scanner.h"
 #include "fs/scanners.h"
 #include "tests/support/file_device.h"
+#include "tests/support/test_env.h"
 
 namespace {
-
-class MallocMem : public api::IBaseMemoryManager {
- public:
-  void Fill(void* d, int b, size_t n) override { std::memset(d, b, n); }
-  void Copy(void* d, const void* s, size_t n) override { std::memcpy(d, s, n); }
-  int Compare(const void* a, const void* b, size_t n) override {
-    int r = std::memcmp(a, b, n);
-    return r < 0 ? -1 : r > 0;
-  }
-  void Move(void* d, const void* s, size_t n) override { std::memmove(d, s, n); }
-  void* AllocateEx(size_t n, uint32_t, uint32_t, uint32_t f) override { return Allocate(n, f); }
-  void* Allocate(size_t n, uint32_t f) override {
-    void* p = (f & api::ALLOC_ZERO) ? std::calloc(1, n ? n : 1) : std::malloc(n ? n : 1);
-    if (p) ++live;
-    return p;
-  }
-  void Free(void* p) override {
-    if (p) --live;
-    std::free(p);
-  }
-  int live = 0;
-};
 
 class RecordingMessage : public api::IMessage {
  public:
@@ -99,17 +78,16 @@ struct ScanResult {
 };
 
 ScanResult Scan(api::IDeviceRWBlock* dev, api::IMessage* msg = nullptr, uint32_t flags = 0) {
-  MallocMem mem;
-  api::CLibEnv env{&mem, nullptr, nullptr};
+  testsupport::TestEnv t;
   ScanResult r;
   uint8_t* bitmap = reinterpret_cast<uint8_t*>(&r);  // must be overwritten
-  r.status = QORV::ScanFat(&env, dev, msg, flags, &bitmap, &r.n, &r.k, &r.problems);
+  r.status = QORV::ScanFat(&t.env, dev, msg, flags, &bitmap, &r.n, &r.k, &r.problems);
   r.bitmapNull = bitmap == nullptr;
   if (bitmap) {
     r.bits.assign(bitmap, bitmap + (r.n + 7) / 8);
-    mem.Free(bitmap);
+    t.mem.Free(bitmap);
   }
-  EXPECT_EQ(mem.live, 0) << "scanner leaked or double-freed memory";
+  EXPECT_EQ(t.mem.allocations, t.mem.frees) << "scanner leaked or double-freed memory";
   return r;
 }
 
