@@ -442,6 +442,29 @@ TEST_F(FatScanner, LoopingAndBrokenChainsTerminateAndAreCounted) {
   EXPECT_TRUE(r.Test(m.dirs["/A/B/C"] - 2 + m.fdb));  // still reached through a/b's first cluster
 }
 
+TEST_F(FatScanner, OverlongDirectoryChainIsCutAtTheLargestDirectorySize) {
+  std::string img = Build("overlong", "-F 32 -s 1", 40);
+  Model m;
+  ASSERT_TRUE(m.Load(img));
+  auto wide = m.Chain(m.dirs["/WIDE"]);
+  // Extend the chain through 5000 free clusters near the end of the volume.
+  uint32_t from = uint32_t(m.limit) - 6000;
+  std::vector<uint32_t> links(5000);
+  for (uint32_t i = 0; i < links.size(); ++i) links[i] = i + 1 < links.size() ? from + i + 1 : 0x0FFFFFFF;
+  uint64_t fat = uint64_t(m.reserved) * m.bps;
+  Patch(img, fat + 4ull * from, links.data(), links.size() * 4);
+  Patch32(img, fat + 4ull * wide.back(), from);
+  testsupport::FileDevice dev(img);
+  ScanResult r = Scan(&dev);
+  ASSERT_EQ(r.status, api::QORV_OK);
+  EXPECT_EQ(r.problems, 1u);
+  // 65536 entries of 32 bytes in 512-byte clusters: 4096 clusters at most.
+  uint32_t kept = 4096 - uint32_t(wide.size());
+  EXPECT_TRUE(r.Test(from + kept - 1 - 2 + m.fdb));
+  EXPECT_FALSE(r.Test(from + kept - 2 + m.fdb));
+  EXPECT_TRUE(r.Test(m.dirs["/WIDE/SUB1/SUBSUB"] - 2 + m.fdb));
+}
+
 TEST_F(FatScanner, DirectoryEntriesOutOfRangeAreCountedAndSkipped) {
   std::string img = Build("range", "-F 32 -s 1", 40);
   Model m;
