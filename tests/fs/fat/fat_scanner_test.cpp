@@ -216,6 +216,26 @@ struct Model {
   }
 };
 
+// Copies only the marked blocks into a sparse file of the same size, as a
+// restore of the metadata image would, and asks fsck.fat whether the result
+// is a consistent volume.
+bool RestoredCopyIsClean(const std::string& img, const ScanResult& r, std::string* out) {
+  *out = img + ".restored";
+  int in = ::open(img.c_str(), O_RDONLY);
+  int fd = ::open(out->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  struct stat st {};
+  if (in < 0 || fd < 0 || ::fstat(in, &st) != 0 || ::ftruncate(fd, st.st_size) != 0) return false;
+  std::vector<uint8_t> block(size_t(1) << r.k);
+  for (uint64_t b = 0; b < r.n; ++b) {
+    if (!r.Test(b)) continue;
+    ssize_t got = ::pread(in, block.data(), block.size(), off_t(b << r.k));
+    if (got > 0 && ::pwrite(fd, block.data(), size_t(got), off_t(b << r.k)) != got) return false;
+  }
+  ::close(in);
+  ::close(fd);
+  return Sh("fsck.fat -n " + *out);
+}
+
 // Source tree copied onto every test volume: nested, wide (long names span
 // several entry slots), empty, and file data that must stay out of the bitmap.
 class FatFixture : public ::testing::Test {
@@ -306,6 +326,10 @@ TEST_P(FatLayouts, KeepsLeadingRegionAndExactlyTheDirectoryClusters) {
   EXPECT_TRUE(msg.Has(0, "Scanning FAT..."));
   EXPECT_FALSE(msg.Has(1, "First data sector 0x" + std::to_string(m.fds) + " is not cluster aligned."));
   ExpectExactBitmap(m, r);
+  std::string restored;
+  if (Sh("command -v fsck.fat")) {
+    EXPECT_TRUE(RestoredCopyIsClean(img, r, &restored)) << restored;
+  }
   for (uint32_t c : m.fileClusters) ASSERT_FALSE(r.Test(c - 2 + m.fdb)) << "file cluster " << c << " marked";
   // The FAT goes through a chunk cache: far fewer reads than FAT entries touched.
   uint64_t fatChunks = (m.fatSectors * m.bps + 65535) / 65536;
@@ -378,6 +402,10 @@ TEST_F(FatScanner, UnalignedDataAreaCoversBothHalvesOfEveryCluster) {
   for (uint64_t b = 0; b < m.fdb; ++b) ASSERT_TRUE(r.Test(b)) << b;
   for (uint32_t c : m.dirClusters)
     for (uint64_t b : m.BlocksOf(c)) EXPECT_TRUE(r.Test(b)) << "cluster " << c << " block " << b;
+  std::string restored;
+  if (Sh("command -v fsck.fat")) {
+    EXPECT_TRUE(RestoredCopyIsClean(img, r, &restored)) << restored;
+  }
   // The block just after every directory run is kept too.
   for (uint32_t c : m.dirClusters)
     if (!m.dirClusters.count(c + 1)) {
