@@ -1,0 +1,371 @@
+// The ext scanner on volumes built at test time: recognition and refusals,
+// the parameter line, which blocks are kept, hostile volumes, and the real
+// acceptance test: only the kept blocks, copied into a sparse file, must
+// pass a forced read-only fsck and list the same tree.
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fs/scanners.h"
+#include "tests/support/cli.h"
+#include "tests/support/file_device.h"
+#include "tests/support/test_env.h"
+
+namespace {
+
+using testsupport::Sh;
+using testsupport::TempDir;
+
+class RecordingMessage : public api::IMessage {
+ public:
+  int BeginProgress(const char*, ...) override { return 0; }
+  int EndProgress() override { return 0; }
+  int SetTotal(uint32_t, const uint64_t*, const char*, ...) override { return 0; }
+  uint64_t GetTotal() override { return 0; }
+  int SetPosition(const uint64_t*) override { return 0; }
+  uint64_t GetPosition() override { return 0; }
+  int AddPosition(const uint64_t*) override { return 0; }
+  uint32_t GetPercent() override { return 0; }
+  int Reserved() override { return 0; }
+  int Trace(int level, const char* format, ...) override {
+    va_list a;
+    va_start(a, format);
+    VTrace(level, format, a);
+    va_end(a);
+    return 0;
+  }
+  int VTrace(int level, const char* format, va_list args) override {
+    char buf[512];
+    std::vsnprintf(buf, sizeof buf, format, args);
+    lines.push_back(std::to_string(level) + ":" + buf);
+    return 0;
+  }
+  int Ask(int, const char*, ...) override { return 0; }
+  int Notify(uintptr_t, uintptr_t) override { return 0; }
+  int CheckBreak(bool) override { return breakNow; }
+  std::vector<std::string> lines;
+  int breakNow = 0;
+};
+
+struct ScanResult {
+  api::status_t status = 0;
+  std::vector<uint8_t> bits;
+  uint64_t count = 0;
+  uint32_t shift = 0, problems = 0;
+  RecordingMessage msg;
+  bool Marked(uint64_t b) const { return b < count && (bits[b >> 3] >> (b & 7)) & 1; }
+  uint64_t MarkedCount() const {
+    uint64_t n = 0;
+    for (uint64_t b = 0; b < count; ++b) n += Marked(b);
+    return n;
+  }
+};
+
+std::unique_ptr<ScanResult> Scan(api::IDeviceRWBlock* dev, uint32_t flags = 0, int breakNow = 0) {
+  testsupport::TestEnv env;
+  auto r = std::make_unique<ScanResult>();
+  r->msg.breakNow = breakNow;
+  uint8_t* bm = nullptr;
+  r->status = QORV::ScanExt(&env.env, dev, &r->msg, flags, &bm, &r->count, &r->shift, &r->problems);
+  if (bm) {
+    r->bits.assign(bm, bm + (r->count + 7) / 8);
+    env.mem.Free(bm);
+  }
+  EXPECT_EQ(env.mem.allocations, env.mem.frees) << "every allocation is released";
+  return r;
+}
+
+std::unique_ptr<ScanResult> ScanFile(const std::string& path, uint32_t flags = 0) {
+  testsupport::FileDevice dev(path);
+  EXPECT_TRUE(dev.ok()) << path;
+  return Scan(&dev, flags);
+}
+
+// Copies only the kept blocks into a sparse file of the volume's size.
+void WriteKeptBlocks(const std::string& src, const ScanResult& r, const std::string& dst) {
+  std::ifstream in(src, std::ios::binary);
+  std::fstream out(dst, std::ios::binary | std::ios::out | std::ios::trunc);
+  uint64_t bs = 1ull << r.shift;
+  std::vector<char> buf(bs);
+  for (uint64_t b = 0; b < r.count; ++b) {
+    if (!r.Marked(b)) continue;
+    in.seekg(std::streamoff(b * bs));
+    in.read(buf.data(), std::streamsize(bs));
+    out.seekp(std::streamoff(b * bs));
+    out.write(buf.data(), in.gcount());
+  }
+  out.close();
+  truncate(dst.c_str(), off_t(testsupport::FileSize(src)));
+}
+
+std::string Out(const TempDir& d, const std::string& cmd) { return Sh(d, cmd).out; }
+
+// A recursive listing (names, types, sizes, link targets) through debugfs.
+std::string Listing(const TempDir& d, const std::string& img) {
+  return Sh(d, "for p in $(debugfs -R 'ls -p /' '" + img +
+                   "' 2>/dev/null | cut -d/ -f6 | grep -v '^\\.\\.\\?$'); do echo \"== $p\"; "
+                   "debugfs -R \"ls -l /$p\" '" + img + "' 2>/dev/null | sed 's/ [0-9]*-[A-Za-z]*-[0-9]* [0-9:]* / /'; done")
+      .out;
+}
+
+class ExtVolumes : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!testsupport::HaveTool("mke2fs") || !testsupport::HaveTool("debugfs")) return;
+    dir_ = new TempDir();
+    const TempDir& d = *dir_;
+    // A source tree with every kind of entry the scanner must handle.
+    Sh(d, "mkdir -p src/sub/deep/deeper src/big src/many && cd src && "
+          "head -c 5000 /dev/urandom > small && head -c 300000 /dev/urandom > sub/mid && "
+          "truncate -s 80M sparse && printf x | dd of=sparse bs=1 seek=70000000 conv=notrunc 2>/dev/null && "
+          "printf y | dd of=sparse bs=1 seek=300000 conv=notrunc 2>/dev/null && "
+          "ln -s small fastlink && ln -s $(printf 'long%.0s' $(seq 40)) slowlink && ln small hard && "
+          ": > empty && mkfifo fifo && head -c 3000000 /dev/urandom > big/blob && "
+          "cd many && seq 1 12000 | sed 's/^/entry_with_a_longer_name_/' | xargs touch");
+  }
+  static void TearDownTestSuite() {
+    delete dir_;
+    dir_ = nullptr;
+  }
+  void SetUp() override {
+    if (!dir_) GTEST_SKIP() << "mke2fs/debugfs not installed";
+  }
+  // Builds a volume from the source tree; returns its path.
+  static std::string Make(const std::string& name, const std::string& options, const std::string& size) {
+    const TempDir& d = *dir_;
+    std::string img = d / name;
+    auto r = Sh(d, "rm -f " + img + " && mke2fs -q -F " + options + " -d src " + img + " " + size);
+    EXPECT_EQ(r.status, 0) << r.err;
+    return img;
+  }
+  // The acceptance check: fsck of the kept blocks alone, and the same tree.
+  static void ExpectRoundTrip(const std::string& img, uint32_t flags = 0) {
+    const TempDir& d = *dir_;
+    auto r = ScanFile(img, flags);
+    ASSERT_EQ(r->status, 0u);
+    std::string kept = img + ".kept";
+    WriteKeptBlocks(img, *r, kept);
+    auto fsck = Sh(d, "e2fsck -fn " + kept);
+    EXPECT_EQ(fsck.status, 0) << img << "\n" << fsck.out << fsck.err;
+    EXPECT_EQ(Listing(d, img), Listing(d, kept));
+    std::printf("[ info ] %s: %llu of %llu blocks kept, %u problems\n", img.c_str(),
+                (unsigned long long)r->MarkedCount(), (unsigned long long)r->count, r->problems);
+  }
+  static TempDir* dir_;
+};
+TempDir* ExtVolumes::dir_ = nullptr;
+
+TEST_F(ExtVolumes, Ext4DefaultsRoundTripAndParamLine) {
+  std::string img = Make("ext4.img", "-t ext4 -b 4096", "64M");
+  auto r = ScanFile(img);
+  ASSERT_EQ(r->status, 0u);
+  EXPECT_EQ(r->shift, 12u);
+  EXPECT_EQ(r->count, 16384u);
+  EXPECT_EQ(r->problems, 0u);
+  ASSERT_EQ(r->msg.lines.size(), 1u);
+  std::string sb = Out(*dir_, "dumpe2fs -h " + img + " 2>/dev/null");
+  ASSERT_NE(sb.find("metadata_csum"), std::string::npos);
+  // Feature words straight from the superblock bytes.
+  std::string hex = Out(*dir_, "od -An -tx4 -j $((1024+0x5c)) -N12 " + img);
+  unsigned compat = 0, incompat = 0, ro = 0;
+  ASSERT_EQ(std::sscanf(hex.c_str(), "%x %x %x", &compat, &incompat, &ro), 3);
+  char want[256];
+  std::snprintf(want, sizeof want,
+                "1:ExtFS param BS=4096 Blocks=16384 Isize=256 cmpt=0x%x ro=0x%x ic=0x%x flex=4 blkindesc=32768 "
+                "firstd=0  METADATA_CSUM_RO  FLEX_IN",
+                compat, incompat, ro);
+  EXPECT_EQ(r->msg.lines[0], want);
+  EXPECT_TRUE(r->Marked(0));  // superblock and descriptors
+  EXPECT_TRUE(r->Marked(1));
+  ExpectRoundTrip(img);
+}
+
+TEST_F(ExtVolumes, DataBlocksOnlyWithDataFlag) {
+  std::string img = Make("ext4data.img", "-t ext4 -b 4096", "64M");
+  std::string blocks = Out(*dir_, "debugfs -R 'blocks /big/blob' " + img + " 2>/dev/null");
+  std::vector<uint64_t> list;
+  for (const char* p = blocks.c_str(); *p;) {
+    char* end;
+    unsigned long long v = std::strtoull(p, &end, 10);
+    if (end == p) break;
+    list.push_back(v);
+    p = end;
+  }
+  ASSERT_GT(list.size(), 700u);
+  auto meta = ScanFile(img);
+  auto data = ScanFile(img, api::SCAN_DATA);
+  for (uint64_t b : list) {
+    EXPECT_FALSE(meta->Marked(b)) << b;
+    EXPECT_TRUE(data->Marked(b)) << b;
+  }
+  EXPECT_GT(data->MarkedCount(), meta->MarkedCount() + 700);
+  ExpectRoundTrip(img, api::SCAN_DATA);
+}
+
+TEST_F(ExtVolumes, Ext2OneKiBlocksIndirectWalk) {
+  std::string img = Make("ext2.img", "-t ext2 -b 1024", "32M");
+  auto r = ScanFile(img);
+  ASSERT_EQ(r->status, 0u);
+  EXPECT_EQ(r->shift, 10u);
+  EXPECT_TRUE(r->Marked(1));  // superblock
+  EXPECT_TRUE(r->Marked(2));  // first descriptor block
+  EXPECT_FALSE(r->Marked(0));
+  // The sparse file reaches triple-indirect territory; its indirect blocks
+  // and the blocks they list are kept, its direct blocks are not.
+  std::string stat = Out(*dir_, "debugfs -R 'stat /sparse' " + img + " 2>/dev/null");
+  EXPECT_NE(stat.find("(TIND)"), std::string::npos) << stat;
+  for (const char* tag : {"(IND):", "(DIND):", "(TIND):"}) {
+    size_t at = stat.find(tag);
+    if (at == std::string::npos) continue;
+    uint64_t b = std::strtoull(stat.c_str() + at + std::strlen(tag), nullptr, 10);
+    EXPECT_TRUE(r->Marked(b)) << tag << b;
+  }
+  std::string mid = Out(*dir_, "debugfs -R 'blocks /sub/mid' " + img + " 2>/dev/null");
+  uint64_t first = std::strtoull(mid.c_str(), nullptr, 10);
+  EXPECT_FALSE(r->Marked(first)) << "direct block of a file";
+  ExpectRoundTrip(img);
+}
+
+TEST_F(ExtVolumes, Ext3TwoKiBlocksWithJournalNeedingRecovery) {
+  std::string img = Make("ext3.img", "-t ext3 -b 2048", "48M");
+  Sh(*dir_, "debugfs -w -R 'feature needs_recovery' " + img);
+  auto r = ScanFile(img);
+  ASSERT_EQ(r->status, 0u);
+  std::string stat = Out(*dir_, "debugfs -R 'blocks <8>' " + img + " 2>/dev/null");
+  uint64_t jfirst = std::strtoull(stat.c_str(), nullptr, 10);
+  ASSERT_GT(jfirst, 0u);
+  EXPECT_TRUE(r->Marked(jfirst)) << "journal superblock";
+  testsupport::FileDevice dev(img);
+  EXPECT_EQ(dev.IsReadOnly(), true);
+  Sh(*dir_, "debugfs -w -R 'feature ^needs_recovery' " + img);
+  ExpectRoundTrip(img);
+}
+
+TEST_F(ExtVolumes, InlineDataXattrsAndQuota) {
+  std::string img = Make("inline.img", "-t ext4 -O inline_data,quota,project -E quotatype=usrquota:grpquota:prjquota -I 256", "64M");
+  Sh(*dir_, "debugfs -w -R 'ea_set -f /etc/services /small user.big' " + img + " && "
+            "debugfs -w -R 'ea_set /sub user.tag value' " + img);
+  std::string acl = Out(*dir_, "debugfs -R 'stat /small' " + img + " 2>/dev/null");
+  size_t at = acl.find("File ACL: ");
+  ASSERT_NE(at, std::string::npos);
+  uint64_t xattr = std::strtoull(acl.c_str() + at + 10, nullptr, 10);
+  auto r = ScanFile(img);
+  ASSERT_EQ(r->status, 0u);
+  if (xattr) EXPECT_TRUE(r->Marked(xattr)) << "extended-attribute block";
+  ExpectRoundTrip(img);
+}
+
+TEST_F(ExtVolumes, OrphanListAndHtree) {
+  std::string img = Make("orphan.img", "-t ext4 -b 1024", "48M");
+  std::string htree = Out(*dir_, "debugfs -R 'htree /many' " + img + " 2>/dev/null | head -3");
+  EXPECT_NE(htree.find("Root node"), std::string::npos) << htree;
+  ExpectRoundTrip(img);
+}
+
+// Refusals print nothing and answer "not recognised".
+TEST_F(ExtVolumes, RefusedVolumes) {
+  std::string base = Make("refuse.img", "-t ext4 -b 1024", "8M");
+  std::string bytes = testsupport::ReadFile(base);
+  auto patched = [&](size_t off, uint32_t value, size_t width) {
+    std::vector<uint8_t> v(bytes.begin(), bytes.end());
+    for (size_t i = 0; i < width; ++i) v[1024 + off + i] = uint8_t(value >> (8 * i));
+    return v;
+  };
+  uint32_t incompat = uint8_t(bytes[1024 + 0x60]) | uint8_t(bytes[1024 + 0x61]) << 8 |
+                      uint8_t(bytes[1024 + 0x62]) << 16;
+  struct Case {
+    const char* what;
+    size_t off;
+    uint32_t value;
+    size_t width;
+  } cases[] = {
+      {"rev 0", 0x4C, 0, 4},
+      {"rev 2", 0x4C, 2, 4},
+      {"creator os", 0x48, 3, 4},
+      {"magic", 0x38, 0xEF54, 2},
+      {"META_BG", 0x60, incompat | 0x10, 4},
+      {"unknown incompat", 0x60, incompat | 0x1000, 4},
+      {"BIGALLOC", 0x64, 0x200, 4},
+      {"2^32 blocks", 0x150, 1, 4},
+      {"inode count", 0x0, 12345, 4},
+      {"block size", 0x18, 7, 4},
+  };
+  for (const Case& c : cases) {
+    testsupport::MemDevice dev(patched(c.off, c.value, c.width));
+    auto r = Scan(&dev);
+    EXPECT_EQ(r->status, api::ERR_NOT_RECOGNIZED) << c.what;
+    EXPECT_TRUE(r->msg.lines.empty()) << c.what;
+  }
+  for (const char* opts : {"-O meta_bg,^resize_inode", "-O bigalloc -C 16384"}) {
+    std::string img = Make("refuse2.img", std::string("-t ext4 ") + opts, "32M");
+    auto r = ScanFile(img);
+    EXPECT_EQ(r->status, api::ERR_NOT_RECOGNIZED) << opts;
+    EXPECT_TRUE(r->msg.lines.empty());
+  }
+  testsupport::MemDevice tiny(std::vector<uint8_t>(1500));
+  EXPECT_EQ(Scan(&tiny)->status, api::ERR_NOT_RECOGNIZED);
+}
+
+// Hostile volumes: problems are counted, nothing hangs or reads wildly.
+TEST_F(ExtVolumes, CorruptVolumesCountProblems) {
+  std::string img = Make("corrupt.img", "-t ext4 -b 1024", "16M");
+  std::string img2 = Make("corrupt2.img", "-t ext2 -b 1024", "16M");
+  const TempDir& d = *dir_;
+  // A directory loop, an extent header with too many entries, an indirect
+  // block past the end, an inode table beyond the volume.
+  auto s = Sh(d, "debugfs -w -R 'ln /sub /sub/deep/deeper/loop' " + img + " && "
+                 "debugfs -w -R 'sif /sub/mid block[2] 0x7fff' " + img + " && "
+                 "debugfs -w -R 'sif /sparse block[IND] 99999999' " + img2 + " && "
+                 "debugfs -w -R 'set_bg 1 inode_table 4000000000' " + img2 + " && "
+                 "debugfs -w -R 'set_bg 1 checksum calc' " + img2);
+  ASSERT_EQ(s.status, 0) << s.err;
+  auto r = ScanFile(img);
+  EXPECT_EQ(r->status, 0u);
+  EXPECT_GE(r->problems, 1u);
+  auto r2 = ScanFile(img2);
+  EXPECT_EQ(r2->status, 0u);
+  EXPECT_GE(r2->problems, 2u);
+  // Bad root extent magic: the tree is gone but the scan still ends.
+  s = Sh(d, "debugfs -w -R 'sif <2> block[0] 0x12345' " + img);
+  auto r3 = ScanFile(img);
+  EXPECT_EQ(r3->status, 0u);
+  EXPECT_GE(r3->problems, 1u);
+  // A truncated device: reads past its end fail and are counted.
+  std::string bytes = testsupport::ReadFile(img2);
+  testsupport::MemDevice half(std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
+  auto r4 = Scan(&half);
+  EXPECT_EQ(r4->status, 0u);
+  EXPECT_GE(r4->problems, 1u);
+}
+
+TEST_F(ExtVolumes, BreakStopsTheScan) {
+  std::string img = Make("break.img", "-t ext4", "32M");
+  testsupport::FileDevice dev(img);
+  auto r = Scan(&dev, 0, 1);
+  EXPECT_EQ(r->status, api::ERR_TOO_BIG);
+  EXPECT_TRUE(r->bits.empty());
+}
+
+TEST(ExtFixture, Ext3From2003RoundTrip) {
+  TempDir d;
+  std::string img = testsupport::Fixture(d, "ext/ext3_2003_dftt_1k.img.zst");
+  if (img.empty()) GTEST_SKIP() << "fixture or zstd missing";
+  auto r = ScanFile(img);
+  ASSERT_EQ(r->status, 0u);
+  EXPECT_EQ(r->shift, 10u);
+  EXPECT_EQ(r->count, 5120u);
+  if (!testsupport::HaveTool("e2fsck")) GTEST_SKIP() << "e2fsck not installed";
+  auto src = Sh(d, "e2fsck -fn " + img);
+  WriteKeptBlocks(img, *r, img + ".kept");
+  auto kept = Sh(d, "e2fsck -fn " + img + ".kept");
+  EXPECT_EQ(kept.status, src.status) << kept.out;
+  EXPECT_EQ(Listing(d, img), Listing(d, img + ".kept"));
+}
+
+}  // namespace
