@@ -63,7 +63,7 @@ class CExtScan : public CExtMapVisitor {
 };
 
 status_t CExtScan::Poll() {
-  if ((++polls_ & 255) == 0 && msg_ && msg_->CheckBreak(false)) return api::ERR_TOO_BIG;
+  if ((polls_++ & 255) == 0 && msg_ && msg_->CheckBreak(false)) return api::ERR_TOO_BIG;
   return api::QORV_OK;
 }
 
@@ -151,7 +151,10 @@ status_t CExtScan::EnumerateArea(ByteView area, uint32_t blockSize) {
       ++problems;
       continue;
     }
-    if (seen_.Bits().Test(e.inode)) continue;
+    if (seen_.Bits().Test(e.inode)) {
+      if (e.kindKnown && e.kind == UnixKind::Dir) ++problems;  // a second name for a directory: a loop
+      continue;
+    }
     UnixKind kind = e.kind;
     if (!e.kindKnown) {
       if (fs_.ReadInode(e.inode, &probe_) != api::QORV_OK) {
