@@ -186,9 +186,10 @@ status_t CExtFsFileSystem::Mount() {
   QORV_TRY(raw.Allocate(Mem(), 1024));
   if (dev_->ReadBytes(1024, raw.Data(), 1024, 0) != api::QORV_OK) return api::ERR_NOT_RECOGNIZED;
   QORV_TRY(sb_.Parse(raw.View()));
-  QORV_TRY(backups_.Build(Mem(), sb_));
+  // The descriptors must fit the device before anything is sized by the group count.
   uint64_t descBytes = uint64_t(sb_.descBlocks) << sb_.BlockShift();
   if (descBytes > dev_->GetSize() || descBytes > UINT32_MAX) return api::ERR_INCONSISTENT;
+  QORV_TRY(backups_.Build(Mem(), sb_));
   QORV_TRY(desc_.Allocate(Mem(), uint32_t(descBytes)));
   QORV_TRY(ReadBlocks(uint64_t(sb_.firstDataBlock) + 1, sb_.descBlocks, desc_.Data()));
   QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes));

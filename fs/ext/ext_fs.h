@@ -107,12 +107,13 @@ class CExtFsEntryNumerator : public CUnixEnumerator {
 
 class CExtFsDir : public CUnixDir {
  public:
-  explicit CExtFsDir(CExtFsInode& inode) : inode_(inode) {}
-  CUnixInode& Inode() override { return inode_; }
+  explicit CExtFsDir(const CExtFsInode& inode) : inode_(inode) {}
+  const CUnixInode& Inode() const override { return inode_; }
+  const CExtFsInode& ExtInode() const { return inode_; }
   bool Indexed() const override { return inode_.Flags() & kInodeIndexFl; }
 
  private:
-  CExtFsInode& inode_;
+  const CExtFsInode& inode_;
 };
 
 class CExtFsFileSystem : public CUnixFileSystem {

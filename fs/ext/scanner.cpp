@@ -36,7 +36,7 @@ class CExtScan : public CExtMapVisitor {
   status_t MarkSpecialInodes();
   status_t CollectOrphans();
   status_t WalkTree();
-  status_t EnumerateDir(const CExtFsInode& dir);
+  status_t EnumerateDir(const CExtFsDir& dir);
   status_t EnumerateArea(ByteView area, uint32_t blockSize);
   status_t EnumerateInlineXattr(const CExtFsInode& dir);
   status_t MarkCollectedFiles();
@@ -191,16 +191,16 @@ status_t CExtScan::EnumerateInlineXattr(const CExtFsInode& dir) {
   return api::QORV_OK;
 }
 
-status_t CExtScan::EnumerateDir(const CExtFsInode& dir) {
+status_t CExtScan::EnumerateDir(const CExtFsDir& view) {
+  const CExtFsInode& dir = view.ExtInode();
   if (dir.FileAcl()) MarkChecked(dir.FileAcl(), 1);
   if (dir.HasInlineData()) {
     QORV_TRY(EnumerateArea(dir.IBlock().Sub(4, 56), 56));
     return EnumerateInlineXattr(dir);
   }
-  // Every directory keeps its entry blocks, linear or indexed: the image
-  // must list the same tree.
-  CExtFsDir view(const_cast<CExtFsInode&>(dir));
-  (void)view.Indexed();
+  // Every directory keeps its entry blocks, linear or indexed (an index is
+  // read like linear blocks: its nodes look like empty entries), so the
+  // image lists the same tree.
   markData_ = true;
   readDir_ = true;
   status_t s = fs_.VisitMap(dir, this);
@@ -224,7 +224,7 @@ status_t CExtScan::WalkTree() {
       if (inode_.Kind() != UnixKind::Other) files_.Bits().Set(ino);
       continue;
     }
-    QORV_TRY(EnumerateDir(inode_));
+    QORV_TRY(EnumerateDir(CExtFsDir(inode_)));
   }
   return api::QORV_OK;
 }

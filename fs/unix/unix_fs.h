@@ -126,7 +126,7 @@ class CUnixEnumerator {
 class CUnixFile {
  public:
   virtual ~CUnixFile() = default;
-  virtual CUnixInode& Inode() = 0;
+  virtual const CUnixInode& Inode() const = 0;
 };
 
 class CUnixDir : public CUnixFile {
