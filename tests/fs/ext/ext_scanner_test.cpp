@@ -278,6 +278,36 @@ TEST_F(ExtVolumes, LargeIndexedDirectory) {
   ExpectRoundTrip(img);
 }
 
+// Layouts that move the fixed metadata: backups in every group or in two
+// chosen groups, 64 KiB blocks, no entry types, a multi-mount block.
+TEST_F(ExtVolumes, LayoutVariantsRoundTrip) {
+  const char* variants[] = {"-t ext2 -O ^sparse_super,^resize_inode", "-t ext4 -O sparse_super2",
+                            "-t ext4 -b 65536", "-t ext3 -O ^filetype", "-t ext4 -O ^has_journal,mmp"};
+  int i = 0;
+  for (const char* options : variants) {
+    SCOPED_TRACE(options);
+    ExpectRoundTrip(Make("variant" + std::to_string(i++) + ".img", options, "256M"));
+  }
+}
+
+// An unlinked inode still on the orphan list keeps its mapping blocks.
+TEST_F(ExtVolumes, OrphanListInodeKeepsIndirectBlocks) {
+  std::string img = Make("orphan.img", "-t ext2 -b 1024", "32M");
+  std::string stat = Out(*dir_, "debugfs -R 'stat /sparse' " + img + " 2>/dev/null");
+  size_t at = stat.find("(DIND):");
+  ASSERT_NE(at, std::string::npos) << stat;
+  uint64_t dind = std::strtoull(stat.c_str() + at + 7, nullptr, 10);
+  std::string ino = Out(*dir_, "debugfs -R 'ls -p /' " + img + " 2>/dev/null | grep /sparse/ | cut -d/ -f2");
+  ino = ino.substr(0, ino.find('\n'));
+  auto s = Sh(*dir_, "debugfs -w -R 'unlink /sparse' " + img + " && debugfs -w -R 'sif <" + ino +
+                         "> links_count 0' " + img + " && debugfs -w -R 'ssv last_orphan " + ino + "' " + img);
+  ASSERT_EQ(s.status, 0) << s.err;
+  auto r = ScanFile(img);
+  ASSERT_EQ(r->status, 0u);
+  EXPECT_TRUE(r->Marked(dind));
+  EXPECT_EQ(r->problems, 0u);
+}
+
 // Refusals print nothing and answer "not recognised".
 TEST_F(ExtVolumes, RefusedVolumes) {
   std::string base = Make("refuse.img", "-t ext4 -b 1024", "8M");
