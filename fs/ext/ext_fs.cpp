@@ -97,6 +97,7 @@ status_t CExtSuperBlock::Parse(ByteView r) {
   logGroupsPerFlex = r.u8(0x174);
   journalInum = r.le32(0xE0);
   lastOrphan = r.le32(0xE8);
+  freeInodes = r.le32(0x10);
   mmpBlock = r.le64(0x168);
   usrQuotaInum = r.le32(0x240);
   grpQuotaInum = r.le32(0x244);
@@ -191,7 +192,8 @@ status_t CExtFsFileSystem::Mount() {
   if (descBytes > dev_->GetSize() || descBytes > UINT32_MAX) return api::ERR_INCONSISTENT;
   QORV_TRY(backups_.Build(Mem(), sb_));
   QORV_TRY(desc_.Allocate(Mem(), uint32_t(descBytes)));
-  QORV_TRY(ReadBlocks(uint64_t(sb_.firstDataBlock) + 1, sb_.descBlocks, desc_.Data()));
+  // The descriptors follow the superblock's block (1 KiB blocks with a first data block of 0 included).
+  QORV_TRY(ReadBlocks((1024 >> sb_.BlockShift()) + 1, sb_.descBlocks, desc_.Data()));
   QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes));
   for (uint32_t i = 0; i < kSlots; ++i) slots_[i].data = cache_.Data() + i * kSlotBytes;
   seq_.data = cache_.Data() + kSlots * kSlotBytes;

@@ -62,9 +62,13 @@ class CExtScan : public CExtMapVisitor {
   uint32_t polls_ = 0;
 };
 
+// Counts one inode of progress; every 256 the percent moves and a stop
+// request is honoured.
 status_t CExtScan::Poll() {
-  if ((polls_++ & 255) == 0 && msg_ && msg_->CheckBreak(false)) return api::ERR_TOO_BIG;
-  return api::QORV_OK;
+  if ((polls_++ & 255) != 0 || !msg_) return api::QORV_OK;
+  uint64_t position = polls_;
+  msg_->SetPosition(&position);
+  return msg_->CheckBreak(false) ? api::ERR_TOO_BIG : api::QORV_OK;
 }
 
 void CExtScan::MarkFixed() {
@@ -260,8 +264,16 @@ status_t CExtScan::Run() {
   MarkFixed();
   QORV_TRY(MarkSpecialInodes());
   QORV_TRY(CollectOrphans());
-  QORV_TRY(WalkTree());
-  return MarkCollectedFiles();
+  // Every inode in use is counted once: directories in the walk, files after it.
+  if (msg_) {
+    uint64_t total = sb_.inodesCount > sb_.freeInodes ? sb_.inodesCount - sb_.freeInodes : 1;
+    msg_->BeginProgress(nullptr);
+    msg_->SetTotal(0, &total, nullptr);
+  }
+  status_t s = WalkTree();
+  if (s == api::QORV_OK) s = MarkCollectedFiles();
+  if (msg_) msg_->EndProgress();
+  return s;
 }
 
 }  // namespace
