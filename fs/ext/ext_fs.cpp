@@ -216,7 +216,7 @@ status_t CExtFsFileSystem::ReadInode(uint64_t number, CExtFsInode* out) {
   uint32_t g = uint32_t((number - 1) / sb_.inodesPerGroup);
   uint64_t off = ((number - 1) % sb_.inodesPerGroup) * uint64_t(sb_.inodeSize);
   for (Window& w : slots_) {
-    if (w.group == g && off >= w.start && off + sb_.inodeSize <= w.start + w.length) hit = &w;
+    if (w.group == g && off >= w.start && off + ParsedInodeBytes() <= w.start + w.length) hit = &w;
   }
   hit->stamp = ++clock_;
   return ReadVia(hit, kSlotBytes, number, out);
@@ -230,18 +230,21 @@ status_t CExtFsFileSystem::ReadVia(Window* w, uint32_t windowBytes, uint64_t num
   if (number == 0 || number > sb_.inodesCount) return api::ERR_INCONSISTENT;
   uint32_t g = uint32_t((number - 1) / sb_.inodesPerGroup);
   uint64_t off = ((number - 1) % sb_.inodesPerGroup) * uint64_t(sb_.inodeSize);
-  if (w->group != g || off < w->start || off + sb_.inodeSize > w->start + w->length) {
+  // Only the part of an inode that is parsed has to sit in the window.
+  const uint64_t needed = ParsedInodeBytes();
+  if (w->group != g || off < w->start || off + needed > w->start + w->length) {
     uint64_t tableBytes = uint64_t(sb_.inodesPerGroup) * sb_.inodeSize;
     uint64_t table = InodeTableOf(g);
     uint64_t tableBlocks = (tableBytes + sb_.BlockSize() - 1) >> sb_.BlockShift();
     if (!InVolume(table, tableBlocks)) return api::ERR_INCONSISTENT;
     w->group = UINT32_MAX;
     w->start = off - off % windowBytes;
+    if (off + needed > w->start + windowBytes) w->start = off;  // odd inode sizes straddle windows
     w->length = tableBytes - w->start < windowBytes ? tableBytes - w->start : windowBytes;
     QORV_TRY(dev_->ReadBytes((table << sb_.BlockShift()) + w->start, w->data, uint32_t(w->length), 0));
     w->group = g;
   }
-  out->Load(number, ByteView(w->data + (off - w->start), sb_.inodeSize));
+  out->Load(number, ByteView(w->data + (off - w->start), size_t(needed)));
   return api::QORV_OK;
 }
 

@@ -144,6 +144,9 @@ class CExtFsFileSystem : public CUnixFileSystem {
     uint64_t stamp = 0;
   };
   uint64_t DescField(uint32_t g, uint32_t lo, uint32_t hi) const;
+  uint32_t ParsedInodeBytes() const {
+    return sb_.inodeSize < CExtFsInode::kMaxRaw ? sb_.inodeSize : CExtFsInode::kMaxRaw;
+  }
   api::status_t ReadVia(Window* w, uint32_t slotBytes, uint64_t number, CExtFsInode* out);
   api::status_t VisitExtentNode(ByteView node, uint32_t depth, uint32_t maxEntries, CExtMapVisitor* v);
   api::status_t VisitIndirect(uint64_t block, uint32_t depth, uint64_t logical, CExtMapVisitor* v);

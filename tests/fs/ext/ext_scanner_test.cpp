@@ -392,6 +392,15 @@ TEST_F(ExtVolumes, CorruptVolumesCountProblems) {
   auto r4 = Scan(&half);
   EXPECT_EQ(r4->status, 0u);
   EXPECT_GE(r4->problems, 1u);
+  // Inode sizes that are not powers of two make inodes straddle read windows.
+  for (uint16_t size : {200, 1000}) {
+    std::vector<uint8_t> v(bytes.begin(), bytes.end());
+    v[1024 + 0x58] = uint8_t(size);
+    v[1024 + 0x59] = uint8_t(size >> 8);
+    testsupport::MemDevice odd(std::move(v));
+    auto r5 = Scan(&odd);
+    EXPECT_TRUE(r5->status == 0 || r5->status == api::ERR_NOT_RECOGNIZED) << size;
+  }
 }
 
 // Random damage inside the kept (metadata) blocks: every run ends with a
