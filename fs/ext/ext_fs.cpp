@@ -241,7 +241,7 @@ status_t CExtFsFileSystem::ReadVia(Window* w, uint32_t windowBytes, uint64_t num
     w->start = off - off % windowBytes;
     if (off + needed > w->start + windowBytes) w->start = off;  // odd inode sizes straddle windows
     w->length = tableBytes - w->start < windowBytes ? tableBytes - w->start : windowBytes;
-    QORV_TRY(dev_->ReadBytes((table << sb_.BlockShift()) + w->start, w->data, uint32_t(w->length), 0));
+    QORV_TRY(ReadDevice((table << sb_.BlockShift()) + w->start, w->data, uint32_t(w->length)));
     w->group = g;
   }
   out->Load(number, ByteView(w->data + (off - w->start), size_t(needed)));

@@ -65,6 +65,7 @@ class CExtScan : public CExtMapVisitor {
 // Counts one inode of progress; every 256 the percent moves and a stop
 // request is honoured.
 status_t CExtScan::Poll() {
+  if (fs_.DeviceGone()) return api::ERR_DEVICE_GONE;
   if ((polls_++ & 255) != 0 || !msg_) return api::QORV_OK;
   uint64_t position = polls_;
   msg_->SetPosition(&position);
@@ -272,6 +273,7 @@ status_t CExtScan::Run() {
   }
   status_t s = WalkTree();
   if (s == api::QORV_OK) s = MarkCollectedFiles();
+  if (s == api::QORV_OK && fs_.DeviceGone()) s = api::ERR_DEVICE_GONE;
   if (msg_) msg_->EndProgress();
   return s;
 }

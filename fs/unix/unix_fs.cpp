@@ -44,7 +44,13 @@ api::status_t CUnixFileSystem::ReadBlocks(uint64_t block, uint32_t count, void* 
   uint32_t shift = Super().BlockShift();
   uint64_t bytes = uint64_t(count) << shift;
   if (bytes > UINT32_MAX) return api::ERR_IO_RANGE;
-  return dev_->ReadBytes(block << shift, buf, uint32_t(bytes), 0);
+  return ReadDevice(block << shift, buf, uint32_t(bytes));
+}
+
+api::status_t CUnixFileSystem::ReadDevice(uint64_t offset, void* buf, uint32_t count) {
+  api::status_t s = dev_->ReadBytes(offset, buf, count, 0);
+  if (s == api::ERR_DEVICE_GONE) gone_ = true;
+  return s;
 }
 
 }  // namespace QORV

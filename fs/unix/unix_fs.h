@@ -73,10 +73,15 @@ class CUnixFileSystem : public api::base_noncopyable {
   }
   // Reads whole blocks; a range outside the volume is refused before any I/O.
   api::status_t ReadBlocks(uint64_t block, uint32_t count, void* buf);
+  // Any byte range; remembers a vanished device so a walk that tolerates
+  // single read failures still stops.
+  api::status_t ReadDevice(uint64_t offset, void* buf, uint32_t count);
+  bool DeviceGone() const { return gone_; }
 
  protected:
   api::CLibEnv* env_;
   api::IDeviceRWBlock* dev_;
+  bool gone_ = false;
 };
 
 // File kinds by the Unix mode's type bits.

@@ -439,6 +439,29 @@ TEST_F(ExtVolumes, BreakStopsTheScan) {
   EXPECT_TRUE(r->bits.empty());
 }
 
+// A device that disappears mid-scan ends the scan instead of being counted.
+class VanishingDevice : public testsupport::FileDevice {
+ public:
+  VanishingDevice(const std::string& path, int goodReads) : FileDevice(path), left_(goodReads) {}
+  api::status_t ReadBytes(uint64_t off, void* buf, uint32_t n, uint32_t flags) override {
+    if (left_-- <= 0) return api::ERR_DEVICE_GONE;
+    return FileDevice::ReadBytes(off, buf, n, flags);
+  }
+
+ private:
+  int left_;
+};
+
+TEST_F(ExtVolumes, VanishedDeviceEndsTheScan) {
+  std::string img = Make("gone.img", "-t ext4 -b 1024", "16M");
+  for (int good : {3, 6, 10}) {
+    VanishingDevice dev(img, good);
+    auto r = Scan(&dev);
+    EXPECT_EQ(r->status, api::ERR_DEVICE_GONE) << good;
+    EXPECT_TRUE(r->bits.empty());
+  }
+}
+
 TEST(ExtFixture, Ext3From2003RoundTrip) {
   TempDir d;
   std::string img = testsupport::Fixture(d, "ext/ext3_2003_dftt_1k.img.zst");
