@@ -12,7 +12,7 @@ import util
 from util import Fail, Skip
 
 # Bump when a recipe or the tree changes, so cached volumes are rebuilt.
-CACHE_VERSION = "3"
+CACHE_VERSION = "4"
 
 
 # ---------------------------------------------------------------- checkers
@@ -27,8 +27,13 @@ def fls_listing(path):
         head, _, rest = line.partition(":\t")
         if " * " in head or "*" in head.split()[-1:]:
             continue
-        names.add(rest.split("\t")[0])
+        names.add(short_components(rest.split("\t")[0]))
     return r.out, names
+
+
+def short_components(path):
+    # The lister cuts very long FAT names at about 247 characters.
+    return "/".join(c[:240] for c in path.split("/"))
 
 
 def mdir_listing(path):
@@ -154,11 +159,16 @@ class DebugfsDriver:
         self.img = img
         self.cmds = []
 
+    # Every command works on a name in the current directory: debugfs does
+    # not resolve a leading "/" alone as the root when unlinking.
+    def _in(self, cmd, p):
+        self.cmds += ["cd /" + os.path.dirname(p), "%s %s" % (cmd, os.path.basename(p))]
+
     def mkdir(self, p):
-        self.cmds.append("mkdir /" + p)
+        self._in("mkdir", p)
 
     def rmdir(self, p):
-        self.cmds.append("rmdir /" + p)
+        self._in("rmdir", p)
 
     def put(self, parent, hosts):
         self.cmds.append("cd /" + parent)
@@ -166,7 +176,8 @@ class DebugfsDriver:
             self.cmds.append("write %s %s" % (h, os.path.basename(h)))
 
     def rm(self, paths):
-        self.cmds += ["rm /" + p for p in paths]
+        for p in paths:
+            self._in("rm", p)
 
     def finish(self):
         script = self.img + ".debugfs"

@@ -126,7 +126,7 @@ def round_trip(ctx, vol):
             listing = "DIFFER"
             problems.append("%s differs:\n%s" % (lister.__name__, util.diff(a, b)))
         if names is not None and vol.expect:
-            missing = sorted(vol.expect - names)
+            missing = sorted({recipes.short_components(p) for p in vol.expect} - names)
             if missing:
                 listing = "INCOMPLETE"
                 problems.append("%s does not show %d generated entries on the SOURCE (recipe or harness fault), "

@@ -58,7 +58,8 @@ def _long_name(prof, stem, fill):
     name = stem
     while True:
         cand = name + fill
-        if len(cand.encode() if prof.name_bytes else cand) > limit:
+        # The staging directory's own limit is 255 bytes too.
+        if len(cand) > limit or len(cand.encode()) > 255:
             return name
         name = cand
 
@@ -84,13 +85,13 @@ def generate(prof, seed=1234):
         f("sizes/size_%02d_%d.bin" % (i, s), s)
     f("big_sparse.bin", prof.big)
     d("intl")
-    names = ["caf\u00e9_%d.txt", "gr\u00fc\u00dfe_%d.txt", "\u65e5\u672c_%d.txt", "\u00c5ngstr\u00f6m_%d"]
+    names = ["caf\u00e9_name_%d.txt", "gr\u00fc\u00dfe_name_%d.txt", "\u65e5\u672c_%d.txt", "\u00c5ngstr\u00f6m_%d"]
     if prof.emoji:
         names += ["\U0001F600_smile_%d.txt", "mix_\u00e9\U0001F680\u65e5_%d"]
     for i, n in enumerate(names):
         f("intl/" + (n % i), rnd.choice(SIZES))
-    d("intl/\u00fcber_dir")
-    f("intl/\u00fcber_dir/inner.txt", 100)
+    d("intl/\u00fcber_directory")
+    f("intl/\u00fcber_directory/inner.txt", 100)
     # Long names, at the limit and one step below.
     d("long")
     f("long/" + _long_name(prof, "L1_", "x"), 10)
@@ -106,7 +107,7 @@ def generate(prof, seed=1234):
     # One wide directory.
     d("wide")
     for i in range(prof.wide):
-        f("wide/w%05d_%s.dat" % (i, "\u00e9" if i % 7 == 0 else "e"), 0 if i % 3 else (i % 900))
+        f("wide/wide_%05d_%s.dat" % (i, "\u00e9" if i % 7 == 0 else "e"), 0 if i % 3 else (i % 900))
     # Empty files and an empty directory.
     d("empty_dir")
     for i in range(5):
