@@ -319,8 +319,23 @@ def exfat_recipe(size_mb, mkfs_args):
 # Small exFAT volumes kept in tests/data for machines without FUSE.
 DATA_EXFAT = {
     "exfat_small_4k": (16, ["-c", "4K"]),
-    "exfat_small_unaligned": (16, ["-c", "32K", "-b", "4K"]),
+    "exfat_small_unaligned": (24, ["-c", "8K", "-b", "1K"]),
 }
+
+
+def build_data(ctx):
+    """Re-makes the pre-built exFAT volumes of tests/data (needs FUSE)."""
+    why = _fuse_problem()
+    if why:
+        raise Skip("cannot build exFAT volumes here: " + why)
+    os.makedirs(ctx.data, exist_ok=True)
+    for base, (size_mb, args) in sorted(DATA_EXFAT.items()):
+        with tempfile.TemporaryDirectory() as scratch:
+            img = os.path.join(scratch, base + ".img")
+            build_exfat(img, scratch, size_mb, args, tree.SMALL_EXFAT)
+            dst = os.path.join(ctx.data, base + ".img.zst")
+            util.run(["zstd", "-19", "-q", "-f", img, "-o", dst], check=True)
+            print("built %s (%d bytes)" % (dst, os.path.getsize(dst)))
 
 
 def exfat_data(ctx, name):

@@ -167,12 +167,16 @@ def main():
     ap.add_argument("--fixtures", required=True)
     ap.add_argument("--data", required=True)
     ap.add_argument("--keep", action="store_true", help="keep images and restored files")
-    ap.add_argument("group")
+    ap.add_argument("--build-data", action="store_true", help="re-make the pre-built volumes of --data")
+    ap.add_argument("group", nargs="?", default="")
     ctx = ap.parse_args()
     ctx.cache = os.path.abspath(ctx.cache)
     ctx.work = os.path.join(ctx.cache, "work", ctx.group)
     os.makedirs(ctx.work, exist_ok=True)
     try:
+        if ctx.build_data:
+            recipes.build_data(ctx)
+            return 0
         if not os.access(ctx.mdsnap, os.X_OK):
             raise Skip("mdsnap binary %s not built" % ctx.mdsnap)
         rc = run_group(ctx, ctx.group)
