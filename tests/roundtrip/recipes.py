@@ -12,7 +12,7 @@ import util
 from util import Fail, Skip
 
 # Bump when a recipe or the tree changes, so cached volumes are rebuilt.
-CACHE_VERSION = "4"
+CACHE_VERSION = "5"
 
 
 # ---------------------------------------------------------------- checkers
@@ -219,7 +219,7 @@ def _staged(prof, scratch, extra=None):
     return root, t
 
 
-def fat_recipe(bits, sector, cluster, size_mb):
+def fat_recipe(bits, sector, cluster, size_mb, prof=tree.FAT_LIGHT):
     def make(ctx, name):
         util.need("mkfs.fat", "mcopy", "mmd", "mdel", "mrd")
         def build(img, scratch):
@@ -227,13 +227,13 @@ def fat_recipe(bits, sector, cluster, size_mb):
                 f.truncate(size_mb << 20)
             util.run(["mkfs.fat", "-F", str(bits), "-S", str(sector), "-s", str(cluster // sector),
                       "-i", "1234ABCD", "-n", "RT%d" % bits, img], check=True)
-            root, t = _staged(tree.FAT, scratch)
+            root, t = _staged(prof, scratch)
             util.run(["mcopy", "-s", "-Q", "-D", "o", "-i", img] + sorted(glob.glob(root + "/*")) + ["::/"],
                      check=True, timeout=600)
             apply_ops(t.ops, MtoolsDriver(img), os.path.join(scratch, "ops"))
 
         path = _cached(ctx, name, build)
-        expect = tree.generate(tree.FAT)[1].expect
+        expect = tree.generate(prof)[1].expect
         return [Volume(name, "fat", path, expect=set(expect))]
     return make
 
@@ -384,7 +384,7 @@ def raw_cases(ctx, name):
 
 
 RECIPES = {
-    "fat16_2k": fat_recipe(16, 512, 2048, 64),
+    "fat16_2k": fat_recipe(16, 512, 2048, 64, tree.FAT),
     "fat16_16k": fat_recipe(16, 512, 16384, 96),
     "fat32_512": fat_recipe(32, 512, 512, 64),
     "fat32_4k": fat_recipe(32, 512, 4096, 300),

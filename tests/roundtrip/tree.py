@@ -19,7 +19,10 @@ class Profile:
     per_round: int = 40          # entries added to each fragmented directory per round
 
 
-FAT = Profile(emoji=False)
+FAT = Profile(emoji=False, wide=2000)
+# The offline FAT tools slow down quadratically in a wide directory, so only
+# one FAT recipe gets the wide one.
+FAT_LIGHT = Profile(emoji=False, wide=400)
 EXFAT = Profile()
 EXT = Profile(name_bytes=True)
 SMALL_EXFAT = Profile(depth=20, wide=600, big=3 << 20, rounds=4, per_round=30)
