@@ -51,13 +51,6 @@ def short_components(path):
     return "/".join(c[:240] for c in path.split("/"))
 
 
-def mdir_listing(path):
-    r = util.run(["mdir", "-/", "-a", "-i", path, "::"], timeout=300)
-    if r.returncode != 0:
-        raise Fail("mdir failed on %s (%d):\n%s" % (path, r.returncode, util.tail_lines(r.out)))
-    return r.out, None
-
-
 @dataclass
 class FileSystem:
     checker: list
