@@ -103,7 +103,7 @@ def round_trip(ctx, vol):
         must_pass = src_rc == 0
         if not must_pass:
             print("  NOTE %s: the checker already rejects the ORIGINAL (exit %d); comparing verdicts instead of "
-                  "demanding exit 0 (%s)" % (vol.name, src_rc, vol.note or "known oddity"))
+                  "demanding exit 0 (%s)\n%s" % (vol.name, src_rc, vol.note or "known oddity", util.tail_lines(src_out, 6)))
     if must_pass:
         verdict = "pass" if dst_rc == 0 else "FAIL(%d)" % dst_rc
         if src_rc != 0:
