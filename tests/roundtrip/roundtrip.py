@@ -50,8 +50,8 @@ def dump(ctx, src, img, raw=False, expect_scanner=None, to_stdout=False):
     if r.returncode != 0:
         hint = ""
         if r.returncode == 6 or "failed to recognize" in r.out:
-            hint = ("\n  -> status 6 'failed to recognize': the %s scanner is missing or refused a volume its "
-                    "checker accepts; this is the scanner's fault, not the harness's" % (expect_scanner or "?"))
+            hint = ("\n  -> status 6 'failed to recognize': the %s scanner is missing or refused a real volume of its "
+                    "file system; this is the scanner's fault, not the harness's" % (expect_scanner or "?"))
         raise Fail("dump of %s failed with exit status %d%s\n%s" % (src, r.returncode, hint, r.out))
     return r.out
 
