@@ -95,7 +95,8 @@ def verify(img_path, src_path, dst_path=None):
                     for j in range(count):
                         a = data_cmp[j << k:(j + 1) << k]
                         if a != want[j << k:(j + 1) << k]:
-                            st.problems.append("block %d differs from the source at 0x%x" % (first + j, (first + j) << k))
+                            b = first + j
+                            st.problems.append("block %d differs from the source at 0x%x" % (b, b << k))
                             break
                         if dst:
                             dst.seek((first + j) << k)

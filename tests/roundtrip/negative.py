@@ -160,7 +160,7 @@ def run_case(ctx, name, base_path, damage, want_rc, want_text):
     if got != want_rc:
         hint = ""
         if got == NOT_RECOGNIZED:
-            hint = "\n  -> status 6: the scanner for this file system is missing or refused the volume (scanner fault)"
+            hint = "\n  -> status 6: this file system's scanner is missing or refused the volume (scanner fault)"
         raise Fail("%s: exit status %d, expected %d%s\n%s" % (name, got, want_rc, hint, util.tail_lines(r.out)))
     if want_text and want_text not in r.out:
         raise Fail("%s: output lacks %r:\n%s" % (name, want_text, util.tail_lines(r.out)))

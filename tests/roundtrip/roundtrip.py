@@ -50,8 +50,9 @@ def dump(ctx, src, img, raw=False, expect_scanner=None, to_stdout=False):
     if r.returncode != 0:
         hint = ""
         if r.returncode == 6 or "failed to recognize" in r.out:
-            hint = ("\n  -> status 6 'failed to recognize': the %s scanner is missing or refused a real volume of its "
-                    "file system; this is the scanner's fault, not the harness's" % (expect_scanner or "?"))
+            hint = ("\n  -> status 6 'failed to recognize': the %s scanner is missing or refused a real "
+                    "volume of its file system; this is the scanner's fault, not the harness's"
+                    % (expect_scanner or "?"))
         raise Fail("dump of %s failed with exit status %d%s\n%s" % (src, r.returncode, hint, r.out))
     return r.out
 
@@ -103,19 +104,22 @@ def round_trip(ctx, vol):
         must_pass = src_rc == 0
         if not must_pass:
             print("  NOTE %s: the checker already rejects the ORIGINAL (exit %d); comparing verdicts instead of "
-                  "demanding exit 0 (%s)\n%s" % (vol.name, src_rc, vol.note or "known oddity", util.tail_lines(src_out, 6)))
+                  "demanding exit 0 (%s)\n%s"
+                  % (vol.name, src_rc, vol.note or "known oddity", util.tail_lines(src_out, 6)))
     if must_pass:
         verdict = "pass" if dst_rc == 0 else "FAIL(%d)" % dst_rc
         if src_rc != 0:
             problems.append("checker rejects the ORIGINAL (exit %d): the recipe made a bad volume\n%s"
                             % (src_rc, util.tail_lines(src_out)))
         if dst_rc != 0:
-            problems.append("checker rejects the restored image (exit %d)\n%s" % (dst_rc, util.tail_lines(dst_out)))
+            problems.append("checker rejects the restored image (exit %d)\n%s"
+                            % (dst_rc, util.tail_lines(dst_out)))
     else:
         same = src_rc == dst_rc
         verdict = "orig=%d restored=%d %s" % (src_rc, dst_rc, "same" if same else "DIFFER")
         if not same:
-            problems.append("checker verdict differs: original %d, restored %d\n--- original:\n%s\n--- restored:\n%s"
+            problems.append("checker verdict differs: original %d, restored %d\n"
+                            "--- original:\n%s\n--- restored:\n%s"
                             % (src_rc, dst_rc, util.tail_lines(src_out), util.tail_lines(dst_out)))
 
     # Listings: equal on both sides, and the source lists what the recipe made.
