@@ -173,12 +173,27 @@ def run_case(ctx, name, base_path, damage, want_rc, want_text):
         shutil.rmtree(work, ignore_errors=True)
 
 
+def control(ctx, recipe, path):
+    """The undamaged volume must dump, or a refusal of the damaged copy would
+    prove nothing."""
+    img = os.path.join(ctx.work, recipe + "_control.mds")
+    util.remove(img)
+    r = util.run([ctx.mdsnap, "--dump", "--nopercents", "-f:" + img, path], timeout=TIMEOUT)
+    util.remove(img)
+    print("  control %s (undamaged): exit %d" % (recipe, r.returncode))
+    return r.returncode == 0
+
+
 def run(ctx):
-    bases, failures, skipped = {}, [], []
+    bases, controls, failures, skipped = {}, {}, [], []
     for name, recipe, damage, want_rc, want_text in CASES:
         try:
             if recipe not in bases:
                 bases[recipe] = recipes.RECIPES[recipe](ctx, recipe)[0].path
+                controls[recipe] = control(ctx, recipe, bases[recipe])
+            if not controls[recipe]:
+                raise Fail("%s: the UNDAMAGED %s volume does not dump either, so this case proves nothing "
+                           "(scanner missing?)" % (name, recipe))
             run_case(ctx, name, bases[recipe], damage, want_rc, want_text)
         except Skip as e:
             print("SKIP %s: %s" % (name, e))
