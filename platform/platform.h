@@ -35,3 +35,8 @@ IBaseStringManager* GetStringManager();
 ITime* GetTime();
 
 }  // namespace api
+
+namespace api {
+// Whether a stream is a terminal (status lines are then rewritten in place).
+bool IsTerminalStream(FILE* stream);
+}  // namespace api

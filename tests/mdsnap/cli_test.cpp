@@ -36,7 +36,9 @@ mdsnap::ImageHeader HeaderOf(const std::string& image) {
   std::string bytes = ReadFile(image);
   mdsnap::ImageHeader h;
   EXPECT_GE(bytes.size(), 64u);
-  if (bytes.size() >= 64) EXPECT_TRUE(mdsnap::ParseHeader(bytes.data(), &h));
+  if (bytes.size() >= 64) {
+    EXPECT_TRUE(mdsnap::ParseHeader(bytes.data(), &h));
+  }
   return h;
 }
 
