@@ -151,7 +151,12 @@ def run_group(ctx, group):
         return negative.run(ctx)
     vols = recipes.volumes_for(ctx, group)
     failures = []
+    skipped = 0
     for vol in vols:
+        if not vol.raw and not util.scanner_built(ctx.mdsnap, vol.fs):
+            print("SKIP %s: this mdsnap has no %s scanner yet" % (vol.name, vol.fs), flush=True)
+            skipped += 1
+            continue
         try:
             round_trip(ctx, vol)
         except Fail as e:
@@ -160,7 +165,9 @@ def run_group(ctx, group):
     if failures:
         print("FAILED: %s" % ", ".join(failures))
         return 1
-    print("all %d volumes of %s passed" % (len(vols), group))
+    if skipped == len(vols):
+        raise Skip("no scanner for any volume of %s" % group)
+    print("all %d volumes of %s passed (%d skipped)" % (len(vols) - skipped, group, skipped))
     return 0
 
 

@@ -83,3 +83,19 @@ def locked(path):
             yield
         finally:
             fcntl.flock(f, fcntl.LOCK_UN)
+
+
+# The scanner component each file system needs, as the tool's library
+# version text lists it.
+SCANNER_COMPONENT = {"fat": "Mdsnap Fat included", "exfat": "Mdsnap Exfat included", "ext": "Mdsnap Ext included"}
+_components = {}
+
+
+def scanner_built(mdsnap, fs):
+    """Whether this mdsnap was built with the scanner of fs (raw dumps need none)."""
+    if mdsnap not in _components:
+        import subprocess
+        r = subprocess.run([mdsnap, "--qorvversion"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        _components[mdsnap] = r.stdout
+    want = SCANNER_COMPONENT.get(fs)
+    return want is None or want in _components[mdsnap]
