@@ -14,7 +14,8 @@ run_suite() { # run_suite BUILD_DIR [cmake args...]
 }
 
 echo "== release build"
-run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMDSNAP_ROUNDTRIP_CACHE="$PWD/build/tests/roundtrip/cache"
 echo "== sanitizer build (address, undefined)"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-run_suite build-sanitize -DCMAKE_BUILD_TYPE=Debug -DMDSNAP_SANITIZE=ON
+run_suite build-sanitize -DCMAKE_BUILD_TYPE=Debug -DMDSNAP_SANITIZE=ON \
+  -DMDSNAP_ROUNDTRIP_CACHE="$PWD/build/tests/roundtrip/cache"
