@@ -21,8 +21,8 @@ for i in $(seq 1 40); do echo "report $i" > "tree/docs/reports/2026/quarterly re
 cp -r "$OLDPWD"/mdsnap "$OLDPWD"/core tree/src/
 mcopy -s -i volume.img tree/* ::/
 
-echo "== dump:    mdsnap -f:volume.mds volume.img"
-"$bin" --nopercents -f:volume.mds volume.img
+echo "== dump:    mdsnap --dump -f:volume.mds volume.img"
+"$bin" --dump --nopercents -f:volume.mds volume.img
 echo "== info:    mdsnap -info volume.mds"
 "$bin" -info volume.mds
 echo "== restore: mdsnap --restore -c -f:volume.mds restored.img"
