@@ -284,3 +284,13 @@ TEST(Cli, InfoNamesTheFileSystemOfSampleVolumes) {
     EXPECT_EQ(piped.out, info.out);
   }
 }
+
+TEST(Cli, InterruptStopsALongDumpWithTooBig) {
+  TempDir dir;
+  std::string big = dir / "big.img";
+  WriteFile(big, "");
+  ASSERT_EQ(::truncate(big.c_str(), 64ll << 30), 0);  // sparse: long to read, nothing on disk
+  RunResult r = Sh(dir, "MDSNAP --dump -dd --nopercents -f:/dev/null big.img & pid=$!; sleep 1; "
+                        "kill -INT $pid; wait $pid");
+  EXPECT_EQ(r.status, 0x28) << r.out << r.err;
+}

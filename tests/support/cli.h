@@ -58,7 +58,7 @@ inline RunResult Sh(const TempDir& dir, const std::string& shell, const std::str
   const std::string key = "MDSNAP";
   for (size_t at; (at = cmd.find(key)) != std::string::npos;) cmd.replace(at, key.size(), MDSNAP_BIN);
   std::string outPath = dir / ".out", errPath = dir / ".err", script = dir / ".cmd";
-  WriteFile(script, "cd '" + dir.path() + "' && " + cmd + "\n");
+  WriteFile(script, "cd '" + dir.path() + "' || exit 99\n" + cmd + "\n");
   std::string full = "bash '" + script + "' <" + input + " >'" + outPath + "' 2>'" + errPath + "'";
   int raw = std::system(full.c_str());
   RunResult r;
