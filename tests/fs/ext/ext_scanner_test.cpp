@@ -15,6 +15,7 @@
 #include "fs/scanners.h"
 #include "tests/support/cli.h"
 #include "tests/support/file_device.h"
+#include "tests/support/recording_message.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -22,36 +23,7 @@ namespace {
 using testsupport::Sh;
 using testsupport::TempDir;
 
-class RecordingMessage : public api::IMessage {
- public:
-  int BeginProgress(const char*, ...) override { return 0; }
-  int EndProgress() override { return 0; }
-  int SetTotal(uint32_t, const uint64_t*, const char*, ...) override { return 0; }
-  uint64_t GetTotal() override { return 0; }
-  int SetPosition(const uint64_t*) override { return 0; }
-  uint64_t GetPosition() override { return 0; }
-  int AddPosition(const uint64_t*) override { return 0; }
-  uint32_t GetPercent() override { return 0; }
-  int Reserved() override { return 0; }
-  int Trace(int level, const char* format, ...) override {
-    va_list a;
-    va_start(a, format);
-    VTrace(level, format, a);
-    va_end(a);
-    return 0;
-  }
-  int VTrace(int level, const char* format, va_list args) override {
-    char buf[512];
-    std::vsnprintf(buf, sizeof buf, format, args);
-    lines.push_back(std::to_string(level) + ":" + buf);
-    return 0;
-  }
-  int Ask(int, const char*, ...) override { return 0; }
-  int Notify(uintptr_t, uintptr_t) override { return 0; }
-  int CheckBreak(bool) override { return breakNow; }
-  std::vector<std::string> lines;
-  int breakNow = 0;
-};
+using testsupport::RecordingMessage;
 
 struct ScanResult {
   api::status_t status = 0;
@@ -70,7 +42,7 @@ struct ScanResult {
 std::unique_ptr<ScanResult> Scan(api::IDeviceRWBlock* dev, uint32_t flags = 0, int breakNow = 0) {
   testsupport::TestEnv env;
   auto r = std::make_unique<ScanResult>();
-  r->msg.breakNow = breakNow;
+  r->msg.stop = breakNow;
   uint8_t* bm = nullptr;
   r->status = QORV::ScanExt(&env.env, dev, &r->msg, flags, &bm, &r->count, &r->shift, &r->problems);
   if (bm) {

@@ -18,49 +18,12 @@
 #include "core/api/scanner.h"
 #include "fs/scanners.h"
 #include "tests/support/file_device.h"
+#include "tests/support/recording_message.h"
 #include "tests/support/test_env.h"
 
 namespace {
 
-class RecordingMessage : public api::IMessage {
- public:
-  int BeginProgress(const char*, ...) override { return 0; }
-  int EndProgress() override { return 0; }
-  int SetTotal(uint32_t, const uint64_t*, const char*, ...) override { return 0; }
-  uint64_t GetTotal() override { return 0; }
-  int SetPosition(const uint64_t*) override { return 0; }
-  uint64_t GetPosition() override { return 0; }
-  int AddPosition(const uint64_t*) override { return 0; }
-  uint32_t GetPercent() override { return 0; }
-  int Reserved() override { return 0; }
-  int Trace(int level, const char* fmt, ...) override {
-    va_list ap;
-    va_start(ap, fmt);
-    VTrace(level, fmt, ap);
-    va_end(ap);
-    return 0;
-  }
-  int VTrace(int level, const char* fmt, va_list ap) override {
-    char buf[512];
-    std::vsnprintf(buf, sizeof buf, fmt, ap);
-    lines.emplace_back(level, buf);
-    return 0;
-  }
-  int Ask(int, const char*, ...) override { return 0; }
-  int Notify(uintptr_t, uintptr_t) override { return 0; }
-  int CheckBreak(bool) override {
-    ++polls;
-    return stop;
-  }
-  bool Has(int level, const std::string& text) const {
-    for (auto& l : lines)
-      if (l.first == level && l.second == text) return true;
-    return false;
-  }
-  std::vector<std::pair<int, std::string>> lines;
-  bool stop = false;
-  int polls = 0;
-};
+using testsupport::RecordingMessage;
 
 struct ScanResult {
   api::status_t status = 0;
@@ -341,8 +304,7 @@ TEST_P(FatLayouts, KeepsLeadingRegionAndExactlyTheDirectoryClusters) {
   EXPECT_EQ(d.status, api::ERR_NOT_SUPPORTED);
   EXPECT_TRUE(d.bitmapNull);
   ASSERT_EQ(dataMsg.lines.size(), 1u);
-  EXPECT_EQ(dataMsg.lines[0].first, 1);
-  EXPECT_EQ(dataMsg.lines[0].second, std::string(p.type) + " support \"-data\" option is not implemented.");
+  EXPECT_EQ(dataMsg.lines[0], "1:" + std::string(p.type) + " support \"-data\" option is not implemented.");
   EXPECT_EQ(Scan(&dev, nullptr, api::SCAN_DATA).status, api::ERR_NOT_SUPPORTED);
 }
 
@@ -542,7 +504,7 @@ TEST_F(FatScanner, StopRequestEndsTheWalkWithTooBig) {
   std::string img = Build("stop", "-F 16 -s 2", 24);
   testsupport::FileDevice dev(img);
   RecordingMessage msg;
-  msg.stop = true;
+  msg.stop = 1;
   ScanResult r = Scan(&dev, &msg);
   EXPECT_EQ(r.status, api::ERR_TOO_BIG);
   EXPECT_TRUE(r.bitmapNull);
