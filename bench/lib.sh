@@ -1,0 +1,51 @@
+# Sourced by the benchmark scripts: settings, timing and medians.
+# Sets bin (absolute path of mdsnap, from $1), dir ($BENCH_DIR) and rounds
+# ($ROUNDS), then works in $dir.
+bench_dir=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+bin=$(readlink -f "${1:-${MDSNAP:-./build/mdsnap}}")
+dir=${BENCH_DIR:-/tmp/mdsnap-bench}
+rounds=${ROUNDS:-3}
+[ -x /usr/bin/time ] || { echo "needs /usr/bin/time (apt-get install time)" >&2; exit 1; }
+[ -x "$bin" ] || { echo "no mdsnap binary at $bin" >&2; exit 1; }
+mkdir -p "$dir" && cd "$dir"
+
+# run NAME COMMAND...: appends "seconds peak_kib" to NAME.times; the output
+# goes to NAME.log and is shown when the command fails.
+run() {
+  local name=$1; shift
+  if ! /usr/bin/time -f "%e %M" -o "$name.one" "$@" >"$name.log" 2>&1; then
+    echo "$name failed: $*" >&2
+    cat "$name.log" >&2
+    exit 1
+  fi
+  cat "$name.one" >> "$name.times"
+}
+
+# median NAME COLUMN: column 1 is seconds, column 2 peak RSS in KiB.
+median() { sort -n -k"$2" "$1.times" | awk -v c="$2" '{v[NR]=$c} END {print v[int((NR+1)/2)]}'; }
+
+# allocated FILE: bytes the file occupies on disk (sparse files count less).
+allocated() { echo $(( $(stat -c '%b * %B' "$1") )); }
+
+# table NAME...: median seconds and peak RSS of each contender.
+table() {
+  printf '%-16s %10s %12s\n' what "median s" "peak RSS KiB"
+  local n
+  for n in "$@"; do printf '%-16s %10s %12s\n' "$n" "$(median "$n" 1)" "$(median "$n" 2)"; done
+}
+
+# ratio A B: median seconds of A over those of B.
+ratio() { awk -v a="$(median "$1" 1)" -v b="$(median "$2" 1)" 'BEGIN {printf "%.2f", (b > 0 ? a / b : 0)}'; }
+
+# cached FILE BUILDER...: runs BUILDER with FILE.part as its last argument
+# unless FILE exists, then renames the result, so an interrupted build is
+# never taken for a finished volume.
+cached() {
+  local file=$1; shift
+  [ -f "$file" ] && return 0
+  rm -f "$file.part"
+  local start=$SECONDS
+  "$@" "$file.part"
+  mv "$file.part" "$file"
+  echo "built $file in $((SECONDS - start)) s"
+}
