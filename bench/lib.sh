@@ -10,15 +10,18 @@ rounds=${ROUNDS:-3}
 mkdir -p "$dir" && cd "$dir"
 
 # run NAME COMMAND...: appends "seconds peak_kib" to NAME.times; the output
-# goes to NAME.log and is shown when the command fails.
+# goes to NAME.log and is shown when the command fails. Seconds come from the
+# shell's clock (milliseconds), the peak RSS from /usr/bin/time.
 run() {
   local name=$1; shift
-  if ! /usr/bin/time -f "%e %M" -o "$name.one" "$@" >"$name.log" 2>&1; then
+  local start=$EPOCHREALTIME
+  if ! /usr/bin/time -f "%M" -o "$name.one" "$@" >"$name.log" 2>&1; then
     echo "$name failed: $*" >&2
     cat "$name.log" >&2
     exit 1
   fi
-  cat "$name.one" >> "$name.times"
+  local end=$EPOCHREALTIME
+  awk -v s="$start" -v e="$end" -v m="$(tail -n1 "$name.one")" 'BEGIN {printf "%.3f %s\n", e - s, m}' >> "$name.times"
 }
 
 # median NAME COLUMN: column 1 is seconds, column 2 peak RSS in KiB.
@@ -36,6 +39,10 @@ table() {
 
 # ratio A B: median seconds of A over those of B.
 ratio() { awk -v a="$(median "$1" 1)" -v b="$(median "$2" 1)" 'BEGIN {printf "%.2f", (b > 0 ? a / b : 0)}'; }
+
+# The interpreter itself, not a wrapper script in front of it, and without
+# site packages: its start-up is part of what a baseline in Python costs.
+python=$(python3 -c 'import sys; print(sys.executable)')
 
 # cached FILE BUILDER...: runs BUILDER with FILE.part as its last argument
 # unless FILE exists, then renames the result, so an interrupted build is

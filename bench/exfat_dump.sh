@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Metadata dump of an 8 GiB exFAT volume (32 KiB clusters) holding 100,000
+# files in 3,000 directories against exfat2img writing its sparse metadata
+# image. Page cache warm; contenders alternate; medians.
+# Target: mdsnap no slower than exfat2img; image no larger than exfat2img's
+# allocated bytes + 5%.
+# Usage: bench/exfat_dump.sh [path/to/mdsnap]   (BENCH_DIR, ROUNDS may be set)
+set -euo pipefail
+source "$(dirname "$0")/lib.sh"
+files=${EXFAT_FILES:-100000}
+vol=exfat-$((files / 1000))k.img
+for tool in exfat2img mkfs.exfat fsck.exfat mount.exfat-fuse losetup; do
+  command -v $tool >/dev/null || { echo "needs $tool (exfatprogs, exfat-fuse, util-linux)" >&2; exit 1; }
+done
+
+# Written through the FUSE driver on a loop device: slow (several minutes),
+# hence cached. A block device makes the unmount wait for the driver's flush.
+loop= mnt=$dir/exfat-mnt
+detach() {
+  if [ -n "$loop" ]; then
+    mountpoint -q "$mnt" && umount "$mnt"
+    while fuser -s "$loop" 2>/dev/null; do sleep 0.2; done
+    losetup -d "$loop"
+    loop=
+  fi
+}
+build() {
+  rm -rf exfat-tree
+  echo "making $vol: generating $files files"
+  python3 "$bench_dir/gentree.py" exfat-tree "$files" exfat
+  truncate -s 8G "$1"
+  mkfs.exfat -L bench "$1" >/dev/null
+  trap detach EXIT
+  loop=$(losetup -f --show "$1")
+  mkdir -p "$mnt"
+  mount.exfat-fuse "$loop" "$mnt" 2>/dev/null
+  echo "making $vol: copying through FUSE"
+  tar -C exfat-tree -cf - . | tar -C "$mnt" -xvf - --no-same-owner --no-same-permissions |
+    awk 'NR % 10000 == 0 {print "  " NR " entries copied"; fflush()}'
+  detach
+  trap - EXIT
+  rm -rf exfat-tree
+  fsck.exfat -n "$1" >/dev/null
+}
+cached "$vol" build
+cat "$vol" > /dev/null   # warm the page cache
+
+rm -f ./*.times
+for _ in $(seq "$rounds"); do
+  rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"
+  rm -f out.e2i; run exfat2img exfat2img -o out.e2i "$vol"
+done
+table mdsnap_dump exfat2img
+echo "time ratio mdsnap/exfat2img $(ratio mdsnap_dump exfat2img)x (target <= 1.00x)"
+mds=$(stat -c %s out.mds) e2i=$(allocated out.e2i)
+awk -v a="$mds" -v b="$e2i" -v s="$(stat -c %s out.e2i)" 'BEGIN {
+  printf "image bytes: mdsnap %.0f (file size), exfat2img %.0f allocated (%.0f apparent); ratio %.3f (target <= 1.05)\n",
+         a, b, s, a / b }'
+python3 "$bench_dir/imageruns.py" check out.mds "$vol"
+rm -f out.mds out.e2i
