@@ -11,8 +11,6 @@ constexpr uint32_t kBootBytes = 512;
 constexpr uint32_t kRegionSectors = 12;
 constexpr uint32_t kChecksumSector = 11;
 constexpr uint32_t kOemSector = 9;
-constexpr uint32_t kEndOfChain = 0xFFFFFFFF;
-constexpr uint32_t kBadCluster = 0xFFFFFFF7;
 // The largest cluster count the format allows.
 constexpr uint32_t kMaxClusterCount = 0xFFFFFFF5;
 // A backup region may declare another sector size; follow it this often.
@@ -24,10 +22,6 @@ constexpr uint8_t kFlashGuid[16] = {0x46, 0x7E, 0x0C, 0x0A, 0x99, 0x33, 0x21, 0x
                                     0x90, 0xC8, 0xFA, 0x6D, 0x38, 0x9C, 0x4B, 0xA2};
 
 }  // namespace
-
-CFileSystemExFat::~CFileSystemExFat() {
-  if (fatCache_) env_->mem->Free(fatCache_);
-}
 
 bool CFileSystemExFat::CheckBootSector(const ByteView& boot) {
   static const uint8_t kJump[3] = {0xEB, 0x76, 0x90};
@@ -120,15 +114,14 @@ void CFileSystemExFat::TakeGeometry(const ByteView& boot) {
   geo_.numberOfFats = boot.u8(110);
   // On TexFAT the ActiveFat flag picks which FAT holds the chains.
   uint64_t active = (geo_.numberOfFats == 2 && (geo_.volumeFlags & 1)) ? 1 : 0;
-  activeFatOffset_ = (uint64_t(geo_.fatOffset) + active * geo_.fatLength) << geo_.sectorShift;
-  fatBytes_ = uint64_t(geo_.fatLength) << geo_.sectorShift;
+  fat_.Attach(dev_, (uint64_t(geo_.fatOffset) + active * geo_.fatLength) << geo_.sectorShift,
+              uint64_t(geo_.fatLength) << geo_.sectorShift);
 }
 
 api::status_t CFileSystemExFat::Mount(api::IDeviceRWBlock* dev) {
   dev_ = dev;
   flags_ = 0;
   flashEraseBlock_ = 0;
-  fatCacheChunk_ = UINT64_MAX;
   uint8_t boot[kBootBytes];
   QORV_TRY(dev->ReadBytes(0, boot, kBootBytes, 0));
   if (!CheckBootSector(ByteView(boot, kBootBytes))) {
@@ -147,61 +140,15 @@ api::status_t CFileSystemExFat::Mount(api::IDeviceRWBlock* dev) {
   return api::QORV_OK;
 }
 
-api::status_t CFileSystemExFat::NextCluster(uint32_t c, uint32_t* next) {
-  uint64_t off = uint64_t(c) * 4;
-  if (off + 4 > fatBytes_) return api::ERR_INCONSISTENT;
-  uint64_t chunk = off / kFatChunk;
-  if (chunk != fatCacheChunk_) {
-    if (!fatCache_) {
-      fatCache_ = static_cast<uint8_t*>(env_->mem->Allocate(kFatChunk, 0));
-      if (!fatCache_) return api::ERR_NO_MEMORY;
-    }
-    uint64_t start = chunk * kFatChunk;
-    uint32_t n = uint32_t(std::min<uint64_t>(kFatChunk, fatBytes_ - start));
-    fatCacheChunk_ = UINT64_MAX;
-    QORV_TRY(dev_->ReadBytes(activeFatOffset_ + start, fatCache_, n, 0));
-    fatCacheChunk_ = chunk;
-  }
-  *next = ByteView(fatCache_, kFatChunk).le32(size_t(off % kFatChunk));
-  return api::QORV_OK;
-}
+api::status_t CFileSystemExFat::NextCluster(uint32_t c, uint32_t* next) { return fat_.Entry(c, 4, next); }
 
 api::status_t CFileSystemExFat::ReadChain(uint32_t start, uint32_t maxClusters, std::vector<ExFatExtent>* out,
                                           bool* broken, bool* ended) {
-  out->clear();
-  *broken = false;
-  *ended = false;
-  if (!IsValidCluster(start)) {
-    *broken = true;
-    return api::QORV_OK;
-  }
-  // Brent's cycle detection: a loop is caught within a few times its length.
-  uint32_t tortoise = start, power = 1, lambda = 1;
-  uint32_t c = start;
-  for (uint32_t steps = 1;; ++steps) {
-    if (!out->empty() && out->back().first + out->back().count == c)
-      ++out->back().count;
-    else
-      out->push_back({c, 1});
-    if (steps >= maxClusters) return api::QORV_OK;
-    uint32_t next;
-    QORV_TRY(NextCluster(c, &next));
-    if (next == kEndOfChain) {
-      *ended = true;
-      return api::QORV_OK;
-    }
-    if (next == kBadCluster || !IsValidCluster(next) || next == tortoise) {
-      *broken = true;
-      return api::QORV_OK;
-    }
-    if (power == lambda) {
-      tortoise = next;
-      power *= 2;
-      lambda = 0;
-    }
-    ++lambda;
-    c = next;
-  }
+  ChainStop stop;
+  QORV_TRY(FollowChain(*this, start, maxClusters, out, &stop));
+  *broken = stop == ChainStop::kBroken;
+  *ended = stop == ChainStop::kEndMark;
+  return api::QORV_OK;
 }
 
 void CFileExFat::Set(uint32_t firstCluster, uint64_t length, bool noFatChain) {
@@ -241,7 +188,7 @@ api::status_t CFileExFat::LoadWholeChain(uint64_t maxBytes) {
   uint64_t got = 0;
   for (const ExFatExtent& e : extents_) got += e.count;
   length_ = got << shift;
-  if (!broken && !ended && length_ > maxBytes) return api::ERR_INCONSISTENT;  // longer than any directory
+  if (length_ > maxBytes) return api::ERR_INCONSISTENT;  // longer than any directory
   return broken ? api::ERR_INCONSISTENT : api::QORV_OK;
 }
 

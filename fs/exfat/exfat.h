@@ -7,13 +7,11 @@
 
 #include "core/api/scanner.h"
 #include "core/bytes.h"
+#include "core/cluster_chain.h"
 
 namespace QORV {
 
-struct ExFatExtent {
-  uint32_t first;  // cluster number
-  uint32_t count;  // clusters
-};
+using ExFatExtent = ClusterRun;
 
 // Boot-sector fields the driver works from, after the boot region was accepted.
 struct ExFatGeometry {
@@ -41,8 +39,7 @@ class CFileSystemExFat {
   // The largest directory the driver opens.
   static constexpr uint64_t kMaxDirBytes = 0x10000000;
 
-  explicit CFileSystemExFat(api::CLibEnv* env) : env_(env) {}
-  ~CFileSystemExFat();
+  explicit CFileSystemExFat(api::CLibEnv* env) : env_(env), fat_(env) {}
   CFileSystemExFat(const CFileSystemExFat&) = delete;
   CFileSystemExFat& operator=(const CFileSystemExFat&) = delete;
 
@@ -62,6 +59,7 @@ class CFileSystemExFat {
   uint32_t ClusterShift() const { return geo_.clusterShift; }
   uint64_t HeapByteOffset() const { return uint64_t(geo_.heapOffset) << geo_.sectorShift; }
   bool IsValidCluster(uint32_t c) const { return c >= 2 && uint64_t(c) < uint64_t(geo_.clusterCount) + 2; }
+  bool IsEndOfChain(uint32_t v) const { return v == 0xFFFFFFFF; }
   uint64_t ClusterOffset(uint32_t c) const { return HeapByteOffset() + (uint64_t(c - 2) << geo_.clusterShift); }
 
   api::status_t Read(uint64_t offset, void* buf, uint32_t count) { return dev_->ReadBytes(offset, buf, count, 0); }
@@ -88,18 +86,13 @@ class CFileSystemExFat {
   api::status_t DecideRegions(uint8_t* boot);
   void TakeGeometry(const ByteView& boot);
 
-  static constexpr uint32_t kFatChunk = 64 * 1024;
-
   api::CLibEnv* env_;
   api::IDeviceRWBlock* dev_ = nullptr;
   uint32_t options_ = 0;
   uint32_t flags_ = 0;
   uint32_t flashEraseBlock_ = 0;
   ExFatGeometry geo_;
-  uint64_t activeFatOffset_ = 0;  // bytes
-  uint64_t fatBytes_ = 0;
-  uint8_t* fatCache_ = nullptr;
-  uint64_t fatCacheChunk_ = UINT64_MAX;
+  TableCache fat_;  // the active FAT
 };
 
 // A file's data stream: its first cluster, its length and whether its
