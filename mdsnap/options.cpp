@@ -151,7 +151,7 @@ std::string LibraryVersionText() {
       {"Mdsnap Ext included", true},         {"FAT support included", true},
       {"Mdsnap Fat included", true},         {"BTRFS support included", false},
       {"APFS support included", false},      {"Mdsnap Apfs included", false},
-      {"exFAT support included", false},     {"Mdsnap Exfat included", false},
+      {"exFAT support included", true},      {"Mdsnap Exfat included", true},
       {"Hfs+J support included", false},     {"Mdsnap Hfs included", false},
       {"ReFs 1.x support included", false},  {"Mdsnap ReFs 1.x included", false},
       {"ReFs 3.4- support included", false}, {"Mdsnap ReFs 3.5- included", false},

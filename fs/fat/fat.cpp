@@ -11,10 +11,6 @@ constexpr uint32_t kBootBytes = 512;
 
 }  // namespace
 
-CFileSystemFat::~CFileSystemFat() {
-  if (fatCache_) env_->mem->Free(fatCache_);
-}
-
 api::status_t CFileSystemFat::Mount(api::IDeviceRWBlock* dev) {
   dev_ = dev;
   uint8_t boot[kBootBytes];
@@ -53,7 +49,7 @@ api::status_t CFileSystemFat::Mount(api::IDeviceRWBlock* dev) {
   if (!fat32_ && rootSectors == 0) return api::ERR_NOT_RECOGNIZED;
   clusterLimit_ = uint32_t(limit);
   rootCluster_ = fat32_ ? bs.le32(0x2C) : 0;
-  fatCacheChunk_ = UINT64_MAX;
+  fat_.Attach(dev, fatOffset_, fatBytes_);
   return api::QORV_OK;
 }
 
@@ -71,24 +67,8 @@ api::status_t CFileSystemFat::CompareBackupBoot(const uint8_t* boot, uint32_t ba
 }
 
 api::status_t CFileSystemFat::NextCluster(uint32_t c, uint32_t* next) {
-  uint32_t width = fat32_ ? 4 : 2;
-  uint64_t off = uint64_t(c) * width;
-  if (off + width > fatBytes_) return api::ERR_INCONSISTENT;
-  uint64_t chunk = off / kFatChunk;
-  if (chunk != fatCacheChunk_) {
-    if (!fatCache_) {
-      fatCache_ = static_cast<uint8_t*>(env_->mem->Allocate(kFatChunk, 0));
-      if (!fatCache_) return api::ERR_NO_MEMORY;
-    }
-    uint64_t start = chunk * kFatChunk;
-    uint32_t n = uint32_t(std::min<uint64_t>(kFatChunk, fatBytes_ - start));
-    fatCacheChunk_ = UINT64_MAX;
-    QORV_TRY(dev_->ReadBytes(fatOffset_ + start, fatCache_, n, 0));
-    fatCacheChunk_ = chunk;
-  }
-  ByteView v(fatCache_, kFatChunk);
-  size_t at = size_t(off % kFatChunk);
-  *next = fat32_ ? v.le32(at) & 0x0FFFFFFF : v.le16(at);
+  QORV_TRY(fat_.Entry(c, fat32_ ? 4 : 2, next));
+  if (fat32_) *next &= 0x0FFFFFFF;
   return api::QORV_OK;
 }
 
@@ -97,30 +77,10 @@ api::status_t CFileSystemFat::ReadChain(uint32_t start, uint32_t maxClusters, st
   out->clear();
   *broken = false;
   if (!IsValidCluster(start)) return api::ERR_INCONSISTENT;
-  // Brent's cycle detection: a loop is caught within a few times its length,
-  // long before the maxClusters bound.
-  uint32_t tortoise = start, power = 1, lambda = 1;
-  uint32_t c = start;
-  for (uint32_t steps = 1;; ++steps) {
-    if (!out->empty() && out->back().first + out->back().count == c)
-      ++out->back().count;
-    else
-      out->push_back({c, 1});
-    uint32_t next;
-    QORV_TRY(NextCluster(c, &next));
-    if (IsEndOfChain(next)) return api::QORV_OK;
-    if (!IsValidCluster(next) || steps >= maxClusters || next == tortoise) {
-      *broken = true;
-      return api::QORV_OK;
-    }
-    if (power == lambda) {
-      tortoise = next;
-      power *= 2;
-      lambda = 0;
-    }
-    ++lambda;
-    c = next;
-  }
+  ChainStop stop;
+  QORV_TRY(FollowChain(*this, start, maxClusters, out, &stop));
+  *broken = stop != ChainStop::kEndMark;
+  return api::QORV_OK;
 }
 
 bool CFileSystemFat32::CheckKind(const ByteView& boot) const {

@@ -6,17 +6,15 @@
 
 #include "core/api/scanner.h"
 #include "core/bytes.h"
+#include "core/cluster_chain.h"
 
 namespace QORV {
 
-struct FatExtent {
-  uint32_t first;  // cluster number
-  uint32_t count;  // clusters
-};
+using FatExtent = ClusterRun;
 
 class CFileSystemFat {
  public:
-  virtual ~CFileSystemFat();
+  virtual ~CFileSystemFat() = default;
   CFileSystemFat(const CFileSystemFat&) = delete;
   CFileSystemFat& operator=(const CFileSystemFat&) = delete;
 
@@ -39,6 +37,7 @@ class CFileSystemFat {
     return (firstDataSector_ + (uint64_t(c - 2) << spcShift_)) << sectorShift_;
   }
   bool IsValidCluster(uint32_t c) const { return c >= 2 && c < clusterLimit_; }
+  bool IsEndOfChain(uint32_t v) const { return v >= (fat32_ ? 0x0FFFFFF8u : 0xFFF8u); }
 
   api::status_t Read(uint64_t offset, void* buf, uint32_t count) { return dev_->ReadBytes(offset, buf, count, 0); }
   // The FAT entry of cluster c (first FAT copy), through a chunk cache.
@@ -50,16 +49,13 @@ class CFileSystemFat {
   api::status_t ReadChain(uint32_t start, uint32_t maxClusters, std::vector<FatExtent>* out, bool* broken);
 
  protected:
-  CFileSystemFat(api::CLibEnv* env, bool fat32) : env_(env), fat32_(fat32) {}
+  CFileSystemFat(api::CLibEnv* env, bool fat32) : env_(env), fat32_(fat32), fat_(env) {}
   // Kind-specific boot-sector fields (FAT16: fixed root and 16-bit FAT size; FAT32: 32-bit FAT size).
   virtual bool CheckKind(const ByteView& boot) const = 0;
   virtual bool AcceptClusterLimit(uint32_t limit) const = 0;
 
  private:
   api::status_t CompareBackupBoot(const uint8_t* boot, uint32_t backupSector);
-  bool IsEndOfChain(uint32_t v) const { return v >= (fat32_ ? 0x0FFFFFF8u : 0xFFF8u); }
-
-  static constexpr uint32_t kFatChunk = 64 * 1024;
 
   api::CLibEnv* env_;
   bool fat32_;
@@ -74,8 +70,7 @@ class CFileSystemFat {
   uint64_t firstDataSector_ = 0;
   uint32_t clusterLimit_ = 0;
   uint32_t rootCluster_ = 0;
-  uint8_t* fatCache_ = nullptr;
-  uint64_t fatCacheChunk_ = UINT64_MAX;
+  TableCache fat_;  // the first FAT copy
 };
 
 class CFileSystemFat32 : public CFileSystemFat {

@@ -294,3 +294,24 @@ TEST(Cli, InterruptStopsALongDumpWithTooBig) {
                         "kill -INT $pid; wait $pid");
   EXPECT_EQ(r.status, 0x28) << r.out << r.err;
 }
+
+TEST(Cli, ExFatSampleDumpsRestoresAndRefusesData) {
+  TempDir dir;
+  std::string vol = Fixture(dir, "exfat/exfat_win_512b_cluster.img.zst");
+  if (vol.empty()) GTEST_SKIP() << "sample volumes or zstd not available";
+  RunResult dump = Sh(dir, "MDSNAP --dump --nopercents -f:img.mds '" + vol + "'");
+  ASSERT_EQ(dump.status, 0) << dump.out;
+  EXPECT_NE(dump.out.find("Scanning exFAT...\n"), std::string::npos) << dump.out;
+  EXPECT_NE(dump.out.find("Recognized as exFAT.\n"), std::string::npos) << dump.out;
+  EXPECT_EQ(Sh(dir, "MDSNAP -info img.mds").out.substr(0, 6), "exFAT,");
+  ASSERT_EQ(Sh(dir, "MDSNAP --restore -c --silent -f:img.mds out.img").status, 0);
+  if (Sh(dir, "command -v fsck.exfat").status == 0) {
+    RunResult fsck = Sh(dir, "fsck.exfat -n out.img");
+    EXPECT_EQ(fsck.status, 0) << fsck.out;
+  }
+
+  constexpr int kNotSupported = 0x24;
+  RunResult data = Sh(dir, "MDSNAP --dump --nopercents -data -f:data.mds '" + vol + "'");
+  EXPECT_EQ(data.status, kNotSupported);
+  EXPECT_NE(data.out.find("Exfat support \"-data\" option is not implemented yet.\n"), std::string::npos) << data.out;
+}

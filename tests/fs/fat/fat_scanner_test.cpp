@@ -19,39 +19,16 @@
 #include "fs/scanners.h"
 #include "tests/support/file_device.h"
 #include "tests/support/recording_message.h"
+#include "tests/support/scan_result.h"
 #include "tests/support/test_env.h"
 
 namespace {
 
 using testsupport::RecordingMessage;
-
-struct ScanResult {
-  api::status_t status = 0;
-  bool bitmapNull = true;
-  std::vector<uint8_t> bits;
-  uint64_t n = 0;
-  uint32_t k = 0;
-  uint32_t problems = 0;
-  bool Test(uint64_t i) const { return i < n && (bits[i >> 3] >> (i & 7)) & 1; }
-  uint64_t CountSet() const {
-    uint64_t c = 0;
-    for (uint64_t i = 0; i < n; ++i) c += Test(i);
-    return c;
-  }
-};
+using testsupport::ScanResult;
 
 ScanResult Scan(api::IDeviceRWBlock* dev, api::IMessage* msg = nullptr, uint32_t flags = 0) {
-  testsupport::TestEnv t;
-  ScanResult r;
-  uint8_t* bitmap = reinterpret_cast<uint8_t*>(&r);  // must be overwritten
-  r.status = QORV::ScanFat(&t.env, dev, msg, flags, &bitmap, &r.n, &r.k, &r.problems);
-  r.bitmapNull = bitmap == nullptr;
-  if (bitmap) {
-    r.bits.assign(bitmap, bitmap + (r.n + 7) / 8);
-    t.mem.Free(bitmap);
-  }
-  EXPECT_EQ(t.mem.allocations, t.mem.frees) << "scanner leaked or double-freed memory";
-  return r;
+  return testsupport::RunScanner(QORV::ScanFat, dev, msg, flags);
 }
 
 bool Sh(const std::string& cmd) { return std::system(("(" + cmd + ") >/dev/null 2>&1").c_str()) == 0; }
