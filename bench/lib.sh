@@ -11,9 +11,12 @@ mkdir -p "$dir" && cd "$dir"
 
 # run NAME COMMAND...: appends "seconds peak_kib" to NAME.times; the output
 # goes to NAME.log and is shown when the command fails. Seconds come from the
-# shell's clock (milliseconds), the peak RSS from /usr/bin/time.
+# shell's clock (milliseconds), the peak RSS from /usr/bin/time. Dirty pages
+# of the previous contender are written back first, so that their writeback
+# is not charged to this one.
 run() {
   local name=$1; shift
+  sync
   local start=$EPOCHREALTIME
   if ! /usr/bin/time -f "%M" -o "$name.one" "$@" >"$name.log" 2>&1; then
     echo "$name failed: $*" >&2
