@@ -45,16 +45,4 @@ build() {
 cached "$vol" build
 cat "$vol" > /dev/null   # warm the page cache
 
-rm -f ./*.times
-for _ in $(seq "$rounds"); do
-  rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"
-  rm -f out.e2i; run exfat2img exfat2img -o out.e2i "$vol"
-done
-table mdsnap_dump exfat2img
-echo "time ratio mdsnap/exfat2img $(ratio mdsnap_dump exfat2img)x (target <= 1.00x)"
-mds=$(stat -c %s out.mds) e2i=$(allocated out.e2i)
-awk -v a="$mds" -v b="$e2i" -v s="$(stat -c %s out.e2i)" 'BEGIN {
-  printf "image bytes: mdsnap %.0f (file size), exfat2img %.0f allocated (%.0f apparent); ratio %.3f (target <= 1.05)\n",
-         a, b, s, a / b }'
-python3 "$bench_dir/imageruns.py" check out.mds "$vol"
-rm -f out.mds out.e2i
+size_target=1.05 against_tool exfat2img out.e2i exfat2img -o out.e2i "$vol"

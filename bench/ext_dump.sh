@@ -25,16 +25,4 @@ build() {
 cached "$vol" build
 cat "$vol" > /dev/null   # warm the page cache
 
-rm -f ./*.times
-for _ in $(seq "$rounds"); do
-  rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"
-  rm -f out.raw; run e2image e2image -r "$vol" out.raw
-done
-table mdsnap_dump e2image
-echo "time ratio mdsnap/e2image $(ratio mdsnap_dump e2image)x (target <= 1.00x)"
-mds=$(stat -c %s out.mds) raw=$(allocated out.raw)
-awk -v a="$mds" -v b="$raw" -v s="$(stat -c %s out.raw)" 'BEGIN {
-  printf "image bytes: mdsnap %.0f (file size), e2image %.0f allocated (%.0f apparent); ratio %.3f (target <= 1.10)\n",
-         a, b, s, a / b }'
-python3 "$bench_dir/imageruns.py" check out.mds "$vol"
-rm -f out.mds out.raw
+size_target=1.10 against_tool e2image out.raw e2image -r "$vol" out.raw

@@ -59,3 +59,23 @@ cached() {
   mv "$file.part" "$file"
   echo "built $file in $((SECONDS - start)) s"
 }
+
+# against_tool NAME OUTPUT COMMAND...: rounds of mdsnap dumping $vol into
+# out.mds alternating with COMMAND, a tool writing the sparse image OUTPUT;
+# then times, sizes (size target $size_target) and the image check.
+against_tool() {
+  local name=$1 output=$2; shift 2
+  rm -f ./*.times
+  for _ in $(seq "$rounds"); do
+    rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"
+    rm -f "$output"; run "$name" "$@"
+  done
+  table mdsnap_dump "$name"
+  echo "time ratio mdsnap/$name $(ratio mdsnap_dump "$name")x (target <= 1.00x)"
+  awk -v a="$(stat -c %s out.mds)" -v b="$(allocated "$output")" -v s="$(stat -c %s "$output")" -v t="$name" \
+      -v l="$size_target" 'BEGIN {
+    printf "image bytes: mdsnap %.0f (file size), %s %.0f allocated (%.0f apparent); ratio %.3f (target <= %s)\n",
+           a, t, b, s, a / b, l }'
+  python3 "$bench_dir/imageruns.py" check out.mds "$vol"
+  rm -f out.mds "$output"
+}
