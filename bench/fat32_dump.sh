@@ -40,11 +40,10 @@ awk -v front="$front" '{
                runs, a, b }' runs.txt
 
 rm -f ./*.times
-for _ in $(seq "$rounds"); do
-  rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"
-  rm -f out.cat; run read_runs "$python" -S "$bench_dir/imageruns.py" read "$vol" runs.txt out.cat
-  run python_start "$python" -S -c pass
-done
+mine() { rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"; }
+reader() { rm -f out.cat; run read_runs "$python" -S "$bench_dir/imageruns.py" read "$vol" runs.txt out.cat; }
+start() { run python_start "$python" -S -c pass; }
+rotate mine reader start
 table mdsnap_dump read_runs python_start
 echo "time ratio mdsnap/read_runs $(ratio mdsnap_dump read_runs)x (python_start: the interpreter's own share)"
 echo "image bytes: mdsnap $(stat -c %s out.mds) (file size), read_runs $(stat -c %s out.cat)"

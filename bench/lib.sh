@@ -27,6 +27,20 @@ run() {
   awk -v s="$start" -v e="$end" -v m="$(tail -n1 "$name.one")" 'BEGIN {printf "%.3f %s\n", e - s, m}' >> "$name.times"
 }
 
+# rotate FUNCTION...: $rounds rounds of the contenders, each round starting
+# one further along the list and every other round walking it backwards, so
+# that no contender always runs right after the same other one: here the run
+# that follows a big write is often several times slower.
+rotate() {
+  local fns=("$@") n=$# r i j
+  for ((r = 0; r < rounds; r++)); do
+    for ((i = 0; i < n; i++)); do
+      j=$(( r % 2 ? n - 1 - i : i ))
+      "${fns[(r + j) % n]}"
+    done
+  done
+}
+
 # median NAME COLUMN: column 1 is seconds, column 2 peak RSS in KiB.
 median() { sort -n -k"$2" "$1.times" | awk -v c="$2" '{v[NR]=$c} END {print v[int((NR+1)/2)]}'; }
 
@@ -65,11 +79,11 @@ cached() {
 # then times, sizes (size target $size_target) and the image check.
 against_tool() {
   local name=$1 output=$2; shift 2
+  local cmd=("$@")
   rm -f ./*.times
-  for _ in $(seq "$rounds"); do
-    rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"
-    rm -f "$output"; run "$name" "$@"
-  done
+  mine() { rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"; }
+  theirs() { rm -f "$output"; run "$name" "${cmd[@]}"; }
+  rotate mine theirs
   table mdsnap_dump "$name"
   echo "time ratio mdsnap/$name $(ratio mdsnap_dump "$name")x (target <= 1.00x)"
   awk -v a="$(stat -c %s out.mds)" -v b="$(allocated "$output")" -v s="$(stat -c %s "$output")" -v t="$name" \
