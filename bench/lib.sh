@@ -27,18 +27,20 @@ run() {
   awk -v s="$start" -v e="$end" -v m="$(tail -n1 "$name.one")" 'BEGIN {printf "%.3f %s\n", e - s, m}' >> "$name.times"
 }
 
-# rotate FUNCTION...: $rounds rounds of the contenders, each round starting
-# one further along the list and every other round walking it backwards, so
-# that no contender always runs right after the same other one: here the run
-# that follows a big write is often several times slower.
+# in_turn ROUND FUNCTION...: each contender once, starting ROUND places
+# along the list, so that over the rounds every contender takes every place
+# and follows every other one: here the run right after a big write is often
+# several times slower, whoever it is.
+in_turn() {
+  local r=$1; shift
+  local fns=("$@") i
+  for ((i = 0; i < $#; i++)); do "${fns[(r + i) % $#]}"; done
+}
+
+# rotate FUNCTION...: $rounds rounds of in_turn.
 rotate() {
-  local fns=("$@") n=$# r i j
-  for ((r = 0; r < rounds; r++)); do
-    for ((i = 0; i < n; i++)); do
-      j=$(( r % 2 ? n - 1 - i : i ))
-      "${fns[(r + j) % n]}"
-    done
-  done
+  local r
+  for ((r = 0; r < rounds; r++)); do in_turn "$r" "$@"; done
 }
 
 # median NAME COLUMN: column 1 is seconds, column 2 peak RSS in KiB.

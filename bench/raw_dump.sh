@@ -23,7 +23,12 @@ dd_restore() { rm -f target.dd; run dd_restore dd if=out.mds of=target.dd bs=2M 
 dd_restore_fsync() {
   rm -f target.dd; run dd_restore_fsync dd if=out.mds of=target.dd bs=2M iflag=skip_bytes skip=4096 conv=fsync
 }
-rotate mdsnap_dump dd_dump mdsnap_restore dd_restore dd_restore_fsync
+# Dumps, then restores, each group in turn, so that every restore is the one
+# right after a dump equally often.
+for ((r = 0; r < rounds; r++)); do
+  in_turn "$r" mdsnap_dump dd_dump
+  in_turn "$r" mdsnap_restore dd_restore dd_restore_fsync
+done
 bitmap_kib=$(( ((2 << 30) >> 20) / 8 / 1024 + 1 ))   # one bit per 1 MiB block
 table mdsnap_dump dd_dump mdsnap_restore dd_restore dd_restore_fsync
 echo "dump ratio $(ratio mdsnap_dump dd_dump)x, restore ratio $(ratio mdsnap_restore dd_restore_fsync)x" \
