@@ -3,11 +3,11 @@
 // clusters of every directory. File contents are never kept.
 #include <cinttypes>
 #include <cstdio>
-#include <new>
 #include <utility>
 #include <vector>
 
 #include "core/bitmap.h"
+#include "fs/driver_memory.h"
 #include "fs/exfat/exfat.h"
 #include "fs/scanners.h"
 
@@ -229,11 +229,6 @@ api::status_t ScanWith(CFileSystemExFat* fs, api::CLibEnv* env, api::IDeviceRWBl
   return s;
 }
 
-void DropBitmap(api::CLibEnv* env, uint8_t** bitmap) {
-  if (*bitmap) env->mem->Free(*bitmap);
-  *bitmap = nullptr;
-}
-
 }  // namespace
 
 api::status_t ScanExFat(QORV_SCANNER_ARGS) {
@@ -241,12 +236,9 @@ api::status_t ScanExFat(QORV_SCANNER_ARGS) {
   *bitmap = nullptr;
   *problems = 0;
   if (!dev) return api::ERR_IO_RANGE;
-  void* place = env->mem->Allocate(sizeof(CFileSystemExFat), 0);
-  if (!place) return api::ERR_NO_MEMORY;
-  auto* fs = new (place) CFileSystemExFat(env);
-  api::status_t s = ScanWith(fs, env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
-  fs->~CFileSystemExFat();
-  env->mem->Free(place);
+  api::status_t s = WithDriver<CFileSystemExFat>(env, [&](CFileSystemExFat* fs) {
+    return ScanWith(fs, env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
+  });
   if (s != api::QORV_OK) DropBitmap(env, bitmap);
   return s;
 }

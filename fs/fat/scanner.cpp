@@ -1,10 +1,10 @@
 // FAT16/FAT32 scanner: keeps everything in front of the data area (boot
 // sectors, FATs, the FAT16 root) and the cluster chains of every directory.
-#include <new>
 #include <utility>
 #include <vector>
 
 #include "core/bitmap.h"
+#include "fs/driver_memory.h"
 #include "fs/fat/fat.h"
 #include "fs/scanners.h"
 
@@ -180,23 +180,12 @@ api::status_t ScanWith(CFileSystemFat* fs, api::CLibEnv* env, api::IDeviceRWBloc
   return s == api::ERR_TOO_BIG || s == api::ERR_DEVICE_GONE ? s : api::QORV_OK;
 }
 
-// Driver objects live in memory from the library's manager like every other
-// driver allocation.
 template <class Fs>
 api::status_t ScanAs(api::CLibEnv* env, api::IDeviceRWBlock* dev, api::IMessage* msg, uint32_t scanFlags,
                      uint8_t** bitmap, uint64_t* blockCount, uint32_t* blockShift, uint32_t* problems) {
-  void* place = env->mem->Allocate(sizeof(Fs), 0);
-  if (!place) return api::ERR_NO_MEMORY;
-  Fs* fs = new (place) Fs(env);
-  api::status_t s = ScanWith(fs, env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
-  fs->~Fs();
-  env->mem->Free(place);
-  return s;
-}
-
-void DropBitmap(api::CLibEnv* env, uint8_t** bitmap) {
-  if (*bitmap) env->mem->Free(*bitmap);
-  *bitmap = nullptr;
+  return WithDriver<Fs>(env, [&](Fs* fs) {
+    return ScanWith(fs, env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
+  });
 }
 
 }  // namespace
