@@ -7,7 +7,7 @@
 
 #include "core/api/scanner.h"
 #include "core/bytes.h"
-#include "core/cluster_chain.h"
+#include "fs/fat_family/cluster_chain.h"
 
 namespace QORV {
 

@@ -1,4 +1,4 @@
-#include "core/cluster_chain.h"
+#include "fs/fat_family/cluster_chain.h"
 
 #include <algorithm>
 
