@@ -26,14 +26,8 @@ class QORV_MemoryManager : public IBaseMemoryManager {
   void Free(void* block) override { std::free(block); }
 };
 
-bool IsByteCode(uint32_t code) {
-  code &= 0x1F;
-  return code == 1 || code == 8 || code == 16;
-}
-bool IsWideCode(uint32_t code) {
-  code &= 0x1F;
-  return code == 2 || code == 4;
-}
+bool IsByteCode(uint32_t code) { return UnitSize(code) == 1; }
+bool IsWideCode(uint32_t code) { return UnitSize(code) == 2; }
 
 // UTF-8 forms, one to six bytes: lead mask, lead value, value mask, smallest value.
 struct Utf8Row {
@@ -184,15 +178,6 @@ class QORV_Time : public ITime {
 };
 
 }  // namespace
-
-unsigned UnitSize(uint32_t code) { return IsByteCode(code) ? 1 : IsWideCode(code) ? 2 : 0; }
-
-bool IsEmpty(uint32_t code, const void* text) {
-  if (!text) return true;
-  if (IsByteCode(code)) return *static_cast<const uint8_t*>(text) == 0;
-  if (IsWideCode(code)) return *static_cast<const uint16_t*>(text) == 0;
-  return true;
-}
 
 IBaseMemoryManager* GetMemoryManager() {
   static QORV_MemoryManager m;

@@ -45,6 +45,8 @@ class ITime {
   virtual ~ITime() = default;
 };
 
+// Pure helpers on the encodings above; they need no service, so any layer
+// may call them. UnitSize: bytes per unit, 0 for an unknown encoding.
 unsigned UnitSize(uint32_t code);
 bool IsEmpty(uint32_t code, const void* text);
 
