@@ -135,6 +135,7 @@ int RunMain(int argc, char** argv) {
   }
 
   static CLibEnv env{GetMemoryManager(), GetStringManager(), GetTime()};
+  env.verbose = opt.modeFlags & MODE_VERBOSE;
   uint8_t* bitmap = nullptr;
   RunContext ctx;
   ctx.opt = &opt;

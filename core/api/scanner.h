@@ -35,6 +35,8 @@ struct CLibEnv {
   IBaseMemoryManager* mem;
   IBaseStringManager* str;
   ITime* time;
+  // "--verbose": scanners print the reason of each problem they tolerate.
+  bool verbose = false;
 };
 
 // A scanner recognises its file system on `dev` and, when it does, allocates
