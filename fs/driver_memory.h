@@ -1,6 +1,5 @@
 // Scanner plumbing shared by every file system: driver objects live in
-// memory from the library's manager like every other driver allocation, and
-// a failed scan hands back no bitmap.
+// memory from the library's manager like every other driver allocation.
 #pragma once
 #include <new>
 
@@ -19,11 +18,6 @@ api::status_t WithDriver(api::CLibEnv* env, Run&& run) {
   fs->~Fs();
   env->mem->Free(place);
   return s;
-}
-
-inline void DropBitmap(api::CLibEnv* env, uint8_t** bitmap) {
-  if (*bitmap) env->mem->Free(*bitmap);
-  *bitmap = nullptr;
 }
 
 }  // namespace QORV

@@ -263,43 +263,77 @@ api::status_t CDirExFat::Entry(uint64_t pos, ByteView* out) {
 }
 
 api::status_t CExFatEnum::Next(ExFatEntry* out) {
+  using F = ExFatEntryField;
   const uint64_t size = dir_->Size();
   for (;;) {
     // A set needs at least three entries; fewer left cannot hold one.
-    if (pos_ + 96 > size) return api::ERR_END_OF_DIR;
+    if (pos_ + 3 * F::kSize > size) return api::ERR_END_OF_DIR;
     const uint64_t at = pos_;
     ByteView e;
     QORV_TRY(dir_->Entry(at, &e));
-    uint8_t type = e.u8(0);
+    uint8_t type = e.u8(F::kType);
     if (type == 0x00) {
       pos_ = size;
       return api::ERR_END_OF_DIR;
     }
-    pos_ += 32;
-    if (type < 0x80) continue;  // not in use
-    if (dir_->IsRoot() && (type == EXFAT_ENTRY_BITMAP || type == EXFAT_ENTRY_UPCASE)) {
-      *out = ExFatEntry{type == EXFAT_ENTRY_BITMAP ? ExFatEntry::kBitmap : ExFatEntry::kUpcase, at, e.le32(20),
-                        e.le64(24), 0, false};
+    pos_ += F::kSize;
+    if (type == (EXFAT_ENTRY_FILE & ~EXFAT_ENTRY_IN_USE) && e.u8(F::kSecondaryCount) != 0) {
+      uint16_t attributes = e.le16(F::kAttributes);
+      ByteView stream;
+      QORV_TRY(dir_->Entry(at + F::kSize, &stream));
+      if (stream.u8(F::kType) != (EXFAT_ENTRY_STREAM & ~EXFAT_ENTRY_IN_USE)) continue;
+      *out = ExFatEntry{ExFatEntry::kDeletedSet, at, stream.le32(F::kFirstCluster), stream.le64(F::kDataLength),
+                        attributes, (stream.u8(F::kStreamFlags) & F::kNoFatChain) != 0, 0};
       return api::QORV_OK;
     }
-    if (type != EXFAT_ENTRY_FILE || e.u8(1) == 0) continue;
+    if (type < EXFAT_ENTRY_IN_USE) continue;
+    if (dir_->IsRoot() && (type == EXFAT_ENTRY_BITMAP || type == EXFAT_ENTRY_UPCASE)) {
+      *out = ExFatEntry{type == EXFAT_ENTRY_BITMAP ? ExFatEntry::kBitmap : ExFatEntry::kUpcase, at,
+                        e.le32(F::kFirstCluster), e.le64(F::kDataLength), 0, false, e.u8(F::kBitmapFlags)};
+      return api::QORV_OK;
+    }
+    if (type != EXFAT_ENTRY_FILE || e.u8(F::kSecondaryCount) == 0) continue;
 
-    uint32_t secondaries = e.u8(1);
-    uint16_t attributes = e.le16(4);
-    uint64_t end = at + 32 * (uint64_t(secondaries) + 1);
+    uint32_t secondaries = e.u8(F::kSecondaryCount);
+    uint16_t attributes = e.le16(F::kAttributes);
+    uint64_t end = at + F::kSize * (uint64_t(secondaries) + 1);
     pos_ = end;
-    *out = ExFatEntry{ExFatEntry::kBadSet, at, 0, 0, attributes, false};
+    *out = ExFatEntry{ExFatEntry::kBadSet, at, 0, 0, attributes, false, 0};
     if (end > size) return api::QORV_OK;
     ByteView stream;
-    QORV_TRY(dir_->Entry(at + 32, &stream));
-    uint32_t nameEntries = (uint32_t(stream.u8(3)) + 14) / 15;
-    if (stream.u8(0) != EXFAT_ENTRY_STREAM || end - at < (uint64_t(nameEntries) + 2) * 32) return api::QORV_OK;
+    QORV_TRY(dir_->Entry(at + F::kSize, &stream));
+    uint32_t nameEntries = (uint32_t(stream.u8(F::kNameLength)) + 14) / 15;
+    if (stream.u8(F::kType) != EXFAT_ENTRY_STREAM || end - at < (uint64_t(nameEntries) + 2) * F::kSize)
+      return api::QORV_OK;
     out->kind = ExFatEntry::kFileSet;
-    out->firstCluster = stream.le32(20);
-    out->length = stream.le64(24);
-    out->noFatChain = (stream.u8(1) & 0x2) != 0;
+    out->firstCluster = stream.le32(F::kFirstCluster);
+    out->length = stream.le64(F::kDataLength);
+    out->noFatChain = (stream.u8(F::kStreamFlags) & F::kNoFatChain) != 0;
     return api::QORV_OK;
   }
+}
+
+bool CExFatAllocation::Attach(uint32_t first) {
+  attached_ = false;
+  const uint64_t count = fs_->Geometry().clusterCount;
+  const uint64_t bytes = (count + 7) / 8;
+  const uint32_t shift = fs_->ClusterShift();
+  const uint64_t clusters = ((bytes + 3) / 4 * 4 + (uint64_t(1) << shift) - 1) >> shift;
+  if (!fs_->IsValidCluster(first) || uint64_t(first) - 2 + clusters > count) return false;
+  words_.Attach(fs_->Device(), fs_->ClusterOffset(first), (bytes + 3) / 4 * 4);
+  attached_ = true;
+  return true;
+}
+
+bool CExFatAllocation::AllFree(uint32_t first, uint32_t count) {
+  if (!attached_ || !fs_->IsValidCluster(first) || count == 0 ||
+      uint64_t(first) - 2 + count > fs_->Geometry().clusterCount)
+    return false;
+  for (uint64_t index = uint64_t(first) - 2; index < uint64_t(first) - 2 + count; ++index) {
+    uint32_t word = 0;
+    if (words_.Entry(index / 32, 4, &word) != api::QORV_OK || (word >> (index % 32)) & 1) return false;
+  }
+  return true;
 }
 
 }  // namespace QORV

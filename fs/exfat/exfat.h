@@ -55,6 +55,7 @@ class CFileSystemExFat {
   // The value stored after the flash-parameters GUID in the OEM sector; 0 when absent.
   uint32_t FlashEraseBlockSize() const { return flashEraseBlock_; }
   api::CLibEnv* Env() const { return env_; }
+  api::IDeviceRWBlock* Device() const { return dev_; }
 
   uint32_t ClusterShift() const { return geo_.clusterShift; }
   uint64_t HeapByteOffset() const { return uint64_t(geo_.heapOffset) << geo_.sectorShift; }
@@ -157,29 +158,50 @@ class CDirExFat {
   uint32_t bufLen_ = 0;
 };
 
-// Directory entry types the scanner looks at.
+// Directory entry types the scanner looks at. A type with its in-use bit
+// (0x80) cleared is a deleted entry of the same kind.
+constexpr uint8_t EXFAT_ENTRY_IN_USE = 0x80;
 constexpr uint8_t EXFAT_ENTRY_BITMAP = 0x81;
 constexpr uint8_t EXFAT_ENTRY_UPCASE = 0x82;
 constexpr uint8_t EXFAT_ENTRY_FILE = 0x85;
 constexpr uint8_t EXFAT_ENTRY_STREAM = 0xC0;
 constexpr uint16_t EXFAT_ATTR_DIRECTORY = 0x10;
 
+// Fields of the 32-byte directory entries the scanner reads.
+struct ExFatEntryField {
+  static constexpr size_t kType = 0;
+  static constexpr size_t kSecondaryCount = 1;  // file entry
+  static constexpr size_t kAttributes = 4;      // file entry, 16 bits
+  static constexpr size_t kBitmapFlags = 1;     // allocation bitmap entry: bit 0 = second bitmap
+  static constexpr size_t kStreamFlags = 1;     // stream extension: bit 1 = NoFatChain
+  static constexpr size_t kNameLength = 3;      // stream extension
+  static constexpr size_t kFirstCluster = 20;   // bitmap, up-case table, stream extension
+  static constexpr size_t kDataLength = 24;     // 64 bits, same three
+  static constexpr uint32_t kSize = 32;
+  static constexpr uint8_t kNoFatChain = 0x2;
+};
+
 // One step of a directory walk: a critical primary entry the scanner uses,
-// or a file entry set with what its stream extension says.
+// or a file entry set with what its stream extension says. A deleted set
+// (kDeletedSet) is reported without being stepped over, since live entries
+// may since have been written over its later entries.
 struct ExFatEntry {
-  enum Kind { kBitmap, kUpcase, kFileSet, kBadSet } kind;
+  enum Kind { kBitmap, kUpcase, kFileSet, kBadSet, kDeletedSet } kind;
   uint64_t pos;          // byte position of the primary entry
   uint32_t firstCluster; // bitmap/up-case/stream
   uint64_t length;       // DataLength
   uint16_t attributes;   // file sets
   bool noFatChain;       // file sets
+  uint8_t bitmapFlags;   // allocation bitmaps
 };
 
 // Enumerates a directory's entries from position 0 while a whole minimal
 // entry set (96 bytes) still fits, stopping at the end-of-directory mark.
 // Unused entries, labels, GUIDs and padding are stepped over; file entry
 // sets are checked (length, name length, stream extension second) and a
-// malformed one comes back as kBadSet so the caller can count it.
+// malformed one comes back as kBadSet so the caller can count it. A deleted
+// file entry followed by a deleted stream extension comes back as
+// kDeletedSet.
 class CExFatEnum {
  public:
   explicit CExFatEnum(CDirExFat* dir) : dir_(dir) {}
@@ -189,6 +211,24 @@ class CExFatEnum {
  private:
   CDirExFat* dir_;
   uint64_t pos_ = 0;
+};
+
+// The allocation bitmap, read through a chunk cache: which clusters are free.
+class CExFatAllocation {
+ public:
+  explicit CExFatAllocation(CFileSystemExFat* fs) : fs_(fs), words_(fs->Env()) {}
+  // The bitmap starting at cluster `first`, contiguous; false when it does
+  // not fit inside the heap.
+  bool Attach(uint32_t first);
+  bool Attached() const { return attached_; }
+  // Whether every cluster of [first, first + count) lies in the heap and is
+  // free; false as well when the bitmap cannot be read.
+  bool AllFree(uint32_t first, uint32_t count);
+
+ private:
+  CFileSystemExFat* fs_;
+  TableCache words_;  // the bitmap as 32-bit little-endian words
+  bool attached_ = false;
 };
 
 }  // namespace QORV

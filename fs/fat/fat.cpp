@@ -115,6 +115,14 @@ api::status_t CFatDir::Open(uint32_t d) {
   return api::QORV_OK;
 }
 
+api::status_t CFatDir::OpenOneCluster(uint32_t c) {
+  Close();
+  if (!fs_->IsValidCluster(c)) return api::ERR_INCONSISTENT;
+  extents_.push_back({c, 1});
+  size_ = uint64_t(1) << fs_->ClusterShift();
+  return api::QORV_OK;
+}
+
 void CFatDir::Close() {
   fixedRoot_ = false;
   broken_ = false;
@@ -148,8 +156,8 @@ CFatEntryNumerator::~CFatEntryNumerator() {
 
 api::status_t CFatEntryNumerator::Next(FatDirEntry* out) {
   for (;;) {
-    if (pos_ + 32 > dir_->Size()) return api::ERR_END_OF_DIR;
-    if (bufPos_ == UINT64_MAX || pos_ < bufPos_ || pos_ + 32 > bufPos_ + bufSize_) {
+    if (pos_ + FatDirField::kSize > dir_->Size()) return api::ERR_END_OF_DIR;
+    if (bufPos_ == UINT64_MAX || pos_ < bufPos_ || pos_ + FatDirField::kSize > bufPos_ + bufSize_) {
       uint32_t chunk = dir_->ChunkSize();
       if (!buf_) {
         buf_ = static_cast<uint8_t*>(dir_->FileSystem()->Env()->mem->Allocate(chunk, 0));
@@ -162,21 +170,22 @@ api::status_t CFatEntryNumerator::Next(FatDirEntry* out) {
       bufPos_ = start;
       bufSize_ = n;
     }
-    ByteView e(buf_ + (pos_ - bufPos_), 32);
-    uint32_t slot = uint32_t(pos_ / 32);
-    pos_ += 32;
-    uint8_t first = e.u8(0);
-    if (first == 0x00) {
-      pos_ = dir_->Size();  // the end marker: nothing valid follows
+    ByteView e(buf_ + (pos_ - bufPos_), FatDirField::kSize);
+    uint32_t slot = uint32_t(pos_ / FatDirField::kSize);
+    pos_ += FatDirField::kSize;
+    uint8_t first = e.u8(FatDirField::kName);
+    if (first == FAT_NAME_END) {
+      pos_ = dir_->Size();  // nothing valid follows
       return api::ERR_END_OF_DIR;
     }
-    uint8_t attributes = e.u8(11);
-    if (first == 0xE5 || (attributes & FAT_ATTR_VOLUME)) continue;  // deleted, long-name part, label
+    uint8_t attributes = e.u8(FatDirField::kAttributes);
+    if (attributes & FAT_ATTR_VOLUME) continue;  // long-name part or label
     out->slot = slot;
-    std::memcpy(out->name, e.Data(), sizeof out->name);
+    std::memcpy(out->name, e.Data() + FatDirField::kName, sizeof out->name);
     out->attributes = attributes;
-    uint32_t high = dir_->FileSystem()->IsFat32() ? uint32_t(e.le16(20)) << 16 : 0;
-    out->firstCluster = (high | e.le16(26)) & 0x0FFFFFFF;
+    out->deleted = first == FAT_NAME_DELETED;
+    uint32_t high = dir_->FileSystem()->IsFat32() ? uint32_t(e.le16(FatDirField::kClusterHigh)) << 16 : 0;
+    out->firstCluster = (high | e.le16(FatDirField::kClusterLow)) & 0x0FFFFFFF;
     return api::QORV_OK;
   }
 }

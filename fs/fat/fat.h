@@ -100,6 +100,9 @@ class CFatDir {
   // Opens the directory starting at cluster d. A chain that had to be cut
   // short still opens; ChainBroken() tells.
   api::status_t Open(uint32_t d);
+  // Opens cluster c alone as a directory: a deleted directory's chain is
+  // gone from the FAT, only its first cluster is known.
+  api::status_t OpenOneCluster(uint32_t c);
   void Close();
 
   CFileSystemFat* FileSystem() const { return fs_; }
@@ -129,13 +132,25 @@ struct FatDirEntry {
   uint8_t name[11];
   uint8_t attributes;
   uint32_t firstCluster;
+  bool deleted;  // the name's first byte carries the deleted mark
 };
 
-constexpr uint8_t FAT_ATTR_VOLUME = 0x08;
+// Fields of a 32-byte short directory entry.
+struct FatDirField {
+  static constexpr size_t kName = 0;
+  static constexpr size_t kAttributes = 11;
+  static constexpr size_t kClusterHigh = 20;  // FAT32 only
+  static constexpr size_t kClusterLow = 26;
+  static constexpr uint32_t kSize = 32;
+};
+
+constexpr uint8_t FAT_NAME_END = 0x00;      // no entry follows
+constexpr uint8_t FAT_NAME_DELETED = 0xE5;
+constexpr uint8_t FAT_ATTR_VOLUME = 0x08;   // labels, and every long-name part
 constexpr uint8_t FAT_ATTR_DIRECTORY = 0x10;
 
-// Walks a directory's live short entries in on-disk order, skipping deleted
-// entries, long-name parts and volume labels.
+// Walks a directory's short entries in on-disk order, live and deleted ones
+// (FatDirEntry::deleted tells), skipping long-name parts and volume labels.
 class CFatEntryNumerator {
  public:
   explicit CFatEntryNumerator(CFatDir* dir) : dir_(dir) {}

@@ -1,9 +1,10 @@
 // FAT16/FAT32 scanner: keeps everything in front of the data area (boot
-// sectors, FATs, the FAT16 root) and the cluster chains of every directory.
-#include <utility>
+// sectors, FATs, the FAT16 root), the cluster chains of every directory and
+// the first cluster of every deleted directory that is still free.
 #include <vector>
 
-#include "core/bitmap.h"
+#include "core/scan/session.h"
+#include "core/scan/tree_walk.h"
 #include "fs/driver_memory.h"
 #include "fs/fat/fat.h"
 #include "fs/scanners.h"
@@ -13,131 +14,156 @@ namespace QORV {
 namespace {
 
 constexpr uint32_t kMountOptions = 0x2 | 0x8;
+// WalkNode::aux: the directory was reached through a deleted entry, or lies
+// inside a deleted directory; the root.
+constexpr uint64_t kDeletedDir = 0x1;
+constexpr uint64_t kRootDir = 0x2;
 
-// Walks the directory tree depth first with an explicit stack, so neither a
-// deep tree nor a hostile one can exhaust the call stack. Every directory
-// chain walked is marked in `visited`, and a sub-directory whose first
-// cluster is already marked (a cycle or a cross-link) is counted and skipped.
-class FatTreeWalk {
+// One directory per node, its first cluster the address (0: the FAT16 fixed
+// root). Live directories keep their whole chain. A deleted directory's chain
+// is gone from the FAT, so only its first cluster is kept, and only while the
+// FAT still calls it free: otherwise it belongs to something else now.
+class FatDirVisitor : public ITreeVisitor {
  public:
-  FatTreeWalk(CFileSystemFat* fs, api::IMessage* msg, BlockBitmap used, uint64_t firstDataBlock, bool aligned,
-              BlockBitmap visited, int64_t visitedBase)
-      : fs_(fs), msg_(msg), used_(used), firstDataBlock_(firstDataBlock), aligned_(aligned), visited_(visited),
-        visitedBase_(visitedBase) {}
+  FatDirVisitor(CScanSession& session, CFileSystemFat* fs, uint64_t firstDataBlock, bool aligned)
+      : session_(session), fs_(fs), firstDataBlock_(firstDataBlock), aligned_(aligned) {}
 
-  // Only a stop request or a vanished device ends the walk early.
-  api::status_t Run();
-  uint32_t Problems() const { return problems_; }
+  api::status_t Visit(const WalkNode& node, CTreeWalk& walk) override;
+  // Walks the live tree from the root, then the deleted directories found in
+  // it, so that no live directory is ever taken for a deleted one.
+  api::status_t Run(CTreeWalk& walk);
 
  private:
-  struct Frame {
-    std::vector<uint32_t> subdirs;
-    size_t next = 0;
+  struct Child {
+    uint32_t slot;
+    uint32_t cluster;
   };
 
-  api::status_t WalkOne(uint32_t d, bool isRoot, std::vector<uint32_t>* subdirs);
-  uint32_t MarkChain(const std::vector<FatExtent>& extents);
-  bool AlreadyWalked(uint32_t c) const { return visited_.Test(uint64_t(int64_t(c) + visitedBase_)); }
-  static bool Fatal(api::status_t s) { return s == api::ERR_TOO_BIG || s == api::ERR_DEVICE_GONE; }
+  void MarkChain(uint32_t dir, const std::vector<FatExtent>& extents);
+  void AddLive(CTreeWalk& walk, uint32_t dir, const Child& child);
+  void AddDeleted(CTreeWalk& walk, uint32_t cluster);
+  // Only a stop request, a vanished device or exhausted memory end the walk.
+  static api::status_t Fatal(api::status_t s) {
+    return s == api::ERR_TOO_BIG || s == api::ERR_DEVICE_GONE || s == api::ERR_NO_MEMORY ? s : api::QORV_OK;
+  }
 
+  CScanSession& session_;
   CFileSystemFat* fs_;
-  api::IMessage* msg_;
-  BlockBitmap used_;
   uint64_t firstDataBlock_;
   bool aligned_;
-  BlockBitmap visited_;  // the used bitmap itself when clusters and blocks coincide
-  int64_t visitedBase_;  // visited bit of cluster c is c + visitedBase_
-  uint32_t problems_ = 0;
+  bool liveDone_ = false;
+  std::vector<uint32_t> deleted_;  // found while the live tree is walked
 };
 
-api::status_t FatTreeWalk::Run() {
-  std::vector<Frame> stack(1);
-  api::status_t s = WalkOne(fs_->RootCluster(), true, &stack.back().subdirs);
-  if (Fatal(s)) return s;
-  while (!stack.empty()) {
-    Frame& top = stack.back();
-    if (top.next == top.subdirs.size()) {
-      stack.pop_back();
-      continue;
-    }
-    uint32_t c = top.subdirs[top.next++];
-    // Cluster 0 would name the fixed FAT16 root again; anything out of range
-    // cannot be opened at all.
-    if (!fs_->IsValidCluster(c) || AlreadyWalked(c)) {
-      ++problems_;
-      continue;
-    }
-    if (msg_ && msg_->CheckBreak(false)) return api::ERR_TOO_BIG;
-    Frame child;
-    s = WalkOne(c, false, &child.subdirs);
-    if (Fatal(s)) return s;
-    if (!child.subdirs.empty()) stack.push_back(std::move(child));
-  }
-  return api::QORV_OK;
+api::status_t FatDirVisitor::Run(CTreeWalk& walk) {
+  walk.Add(fs_->RootCluster(), kRootDir);
+  QORV_TRY(walk.Run(*this));
+  liveDone_ = true;
+  for (auto it = deleted_.rbegin(); it != deleted_.rend(); ++it) walk.Add(*it, kDeletedDir);
+  return walk.Run(*this);
 }
 
-api::status_t FatTreeWalk::WalkOne(uint32_t d, bool isRoot, std::vector<uint32_t>* subdirs) {
+api::status_t FatDirVisitor::Visit(const WalkNode& node, CTreeWalk& walk) {
+  const uint32_t d = uint32_t(node.address);
+  // What is wrong inside a deleted directory is left-over data, not damage
+  // to the volume, so none of it is counted.
+  const bool deleted = (node.aux & kDeletedDir) != 0;
+  const bool isRoot = (node.aux & kRootDir) != 0;
   CFatDir dir(fs_);
-  api::status_t s = dir.Open(d);
+  api::status_t s = deleted ? dir.OpenOneCluster(d) : dir.Open(d);
   if (s != api::QORV_OK) {
-    ++problems_;
-    return s;
+    if (!deleted) session_.Problem("FAT directory at cluster 0x%x: its chain cannot be read (status 0x%x)", d, s);
+    return Fatal(s);
   }
-  problems_ += MarkChain(dir.Extents());
-  if (dir.ChainBroken()) ++problems_;
+  MarkChain(d, dir.Extents());
+  if (dir.ChainBroken())
+    session_.Problem("FAT directory at cluster 0x%x: its chain breaks off (bad link, free cluster or loop) or runs "
+                     "past the largest directory, kept up to there",
+                     d);
+  // A sub-directory entry pointing into this chain is a cross-link.
+  for (const FatExtent& e : dir.Extents())
+    for (uint32_t i = 0; i < e.count; ++i) walk.MarkSeen(e.first + i);
 
+  std::vector<Child> live, gone;
   FatDirEntry e;
   {
     CFatEntryNumerator entries(&dir);
     while ((s = entries.Next(&e)) == api::QORV_OK) {
       if (!(e.attributes & FAT_ATTR_DIRECTORY)) continue;
       if (!isRoot && e.slot < 2) continue;  // "." and ".."
-      subdirs->push_back(e.firstCluster);
+      (deleted || e.deleted ? gone : live).push_back({e.slot, e.firstCluster});
     }
   }
   if (s != api::ERR_END_OF_DIR) {
-    subdirs->clear();
-    ++problems_;
-    return s;
+    if (!deleted) session_.Problem("FAT directory at cluster 0x%x: its entries cannot be read (status 0x%x)", d, s);
+    return Fatal(s);
   }
-  subdirs->shrink_to_fit();
+  // The walk takes the last one queued first: queue in reverse so the tree
+  // is walked in on-disk order.
+  for (auto it = gone.rbegin(); it != gone.rend(); ++it) AddDeleted(walk, it->cluster);
+  for (auto it = live.rbegin(); it != live.rend(); ++it) AddLive(walk, d, *it);
   return api::QORV_OK;
 }
 
-uint32_t FatTreeWalk::MarkChain(const std::vector<FatExtent>& extents) {
-  uint32_t count = 0;
+void FatDirVisitor::AddLive(CTreeWalk& walk, uint32_t dir, const Child& child) {
+  // Cluster 0 would name the fixed FAT16 root again.
+  if (!fs_->IsValidCluster(child.cluster)) {
+    session_.Problem("FAT directory at cluster 0x%x: entry %u names cluster 0x%x, outside the data area", dir,
+                     child.slot, child.cluster);
+    return;
+  }
+  if (walk.Add(child.cluster) == CTreeWalk::Push::kSeen)
+    session_.Problem("FAT directory at cluster 0x%x: entry %u names cluster 0x%x, already walked (a cycle or a "
+                     "cross-link)",
+                     dir, child.slot, child.cluster);
+}
+
+void FatDirVisitor::AddDeleted(CTreeWalk& walk, uint32_t cluster) {
+  if (!fs_->IsValidCluster(cluster)) return;
+  uint32_t next = 0;
+  if (fs_->NextCluster(cluster, &next) != api::QORV_OK || next != 0) return;  // in use again, or unknown
+  if (liveDone_)
+    walk.Add(cluster, kDeletedDir);
+  else
+    deleted_.push_back(cluster);
+}
+
+void FatDirVisitor::MarkChain(uint32_t dir, const std::vector<FatExtent>& extents) {
   uint32_t limit = fs_->ClusterLimit();
   for (const FatExtent& e : extents) {
     uint32_t c = e.first;
     uint64_t n = e.count;
     if (c < 2 || c >= limit) {
-      ++count;
+      session_.Problem("FAT directory at cluster 0x%x: run at cluster 0x%x lies outside the data area", dir, c);
       continue;
     }
     // Compares a zero-based index with the limit, so only extents running at
     // least two clusters past the end are cut; the bitmap clamps the rest.
     if (uint64_t(c - 2) + n >= limit) {
       n = limit - (c - 2);
-      ++count;
+      session_.Problem("FAT directory at cluster 0x%x: run at cluster 0x%x of %u clusters cut at the end of the "
+                       "data area",
+                       dir, c, e.count);
     }
+    // Marked unchecked: the cut above may reach one block past the bitmap,
+    // which is clamped silently rather than counted a second time.
     uint64_t block = uint64_t(c - 2) + firstDataBlock_;
     if (aligned_) {
-      used_.Mark(block, n);
+      session_.Used().Mark(block, n);
     } else {
       // Each cluster straddles two blocks: its head lies in the block before
       // `block`, and the last cluster's tail reaches the block after the run.
-      used_.Mark(block - 1, n + 2);
+      session_.Used().Mark(block - 1, n + 2);
     }
-    if (visited_.Data() != used_.Data()) visited_.Mark(uint64_t(int64_t(c) + visitedBase_), n);
   }
-  return count;
 }
 
 api::status_t ScanWith(CFileSystemFat* fs, api::CLibEnv* env, api::IDeviceRWBlock* dev, api::IMessage* msg,
                        uint32_t scanFlags, uint8_t** bitmap, uint64_t* blockCount, uint32_t* blockShift,
                        uint32_t* problems) {
+  CScanSession session(env, dev, msg);
   fs->SetMountOptions(kMountOptions);
-  QORV_TRY(fs->Mount(dev));
+  QORV_TRY(fs->Mount(session.Device()));
   if (scanFlags & api::SCAN_DATA) {
     if (msg) msg->Trace(1, "%s support \"-data\" option is not implemented.", fs->TypeName());
     return api::ERR_NOT_SUPPORTED;
@@ -151,33 +177,13 @@ api::status_t ScanWith(CFileSystemFat* fs, api::CLibEnv* env, api::IDeviceRWBloc
     ++firstBlock;
   }
 
-  uint64_t count = firstBlock + fs->ClusterLimit() - 1;
-  auto* bits = static_cast<uint8_t*>(env->mem->Allocate(BlockBitmap::BytesFor(count), api::ALLOC_ZERO));
-  if (!bits) return api::ERR_NO_MEMORY;
-  *bitmap = bits;
-  *blockCount = count;
-  *blockShift = fs->ClusterShift();
-  *problems = 0;
-  BlockBitmap used(bits, count);
-  used.Mark(0, firstBlock);
+  QORV_TRY(session.CreateBitmap(firstBlock + fs->ClusterLimit() - 1, fs->ClusterShift()));
+  session.Mark(0, firstBlock, "FAT leading region");
   if (msg) msg->Trace(0, "Scanning FAT...");
 
-  // With unaligned clusters the block marks overlap neighbours, so the
-  // visited set needs a bitmap of its own, one bit per cluster.
-  BlockBitmap visited = used;
-  int64_t visitedBase = int64_t(firstBlock) - 2;
-  uint8_t* own = nullptr;
-  if (!aligned) {
-    own = static_cast<uint8_t*>(env->mem->Allocate(BlockBitmap::BytesFor(fs->ClusterLimit()), api::ALLOC_ZERO));
-    if (!own) return api::ERR_NO_MEMORY;
-    visited = BlockBitmap(own, fs->ClusterLimit());
-    visitedBase = 0;
-  }
-  FatTreeWalk walk(fs, msg, used, firstBlock, aligned, visited, visitedBase);
-  api::status_t s = walk.Run();
-  *problems = walk.Problems();
-  if (own) env->mem->Free(own);
-  return s == api::ERR_TOO_BIG || s == api::ERR_DEVICE_GONE ? s : api::QORV_OK;
+  CTreeWalk walk(session, "FAT directory tree");
+  FatDirVisitor visitor(session, fs, firstBlock, aligned);
+  return session.Finish(visitor.Run(walk), bitmap, blockCount, blockShift, problems);
 }
 
 template <class Fs>
@@ -191,16 +197,11 @@ api::status_t ScanAs(api::CLibEnv* env, api::IDeviceRWBlock* dev, api::IMessage*
 }  // namespace
 
 api::status_t ScanFat(QORV_SCANNER_ARGS) {
-  // Outputs are cleared first so that no failure leaves a stale pointer behind.
-  *bitmap = nullptr;
-  *problems = 0;
+  ClearScanOutputs(bitmap, problems);
   if (!dev) return api::ERR_IO_RANGE;
   api::status_t s = ScanAs<CFileSystemFat32>(env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
-  if (s == api::ERR_NOT_RECOGNIZED) {
-    DropBitmap(env, bitmap);
+  if (s == api::ERR_NOT_RECOGNIZED)
     s = ScanAs<CFileSystemFat16>(env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
-  }
-  if (s != api::QORV_OK) DropBitmap(env, bitmap);
   return s;
 }
 

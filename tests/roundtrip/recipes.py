@@ -5,6 +5,7 @@ import glob
 import os
 import shutil
 import tempfile
+from contextlib import contextmanager
 from dataclasses import dataclass, field
 
 import tree
@@ -17,10 +18,11 @@ CACHE_VERSION = "5"
 
 # ---------------------------------------------------------------- checkers
 
-def fls_listing(path):
+def fls_listing(path, under_deleted=False):
     """Names, types, times and sizes of every entry, deleted ones included,
-    except what lies under a deleted directory or among the lister's orphans:
-    a deleted directory's own blocks are not kept in an image, by design."""
+    except what lies among the lister's orphans and, unless under_deleted,
+    under a deleted directory: ext images do not keep a deleted directory's
+    blocks, by design."""
     r = util.run(["fls", "-r", "-p", "-l", path], timeout=300)
     if r.returncode != 0:
         return "fls exit %d\n%s" % (r.returncode, r.out), set()
@@ -32,11 +34,17 @@ def fls_listing(path):
             continue
         kept.append(line)
         if "*" in head:
-            if head.startswith("d/d"):
+            if head.startswith("d/d") and not under_deleted:
                 dropped.append(name)
             continue
         names.add(short_components(name))
     return "\n".join(kept), names
+
+
+def fls_full_listing(path):
+    """fls_listing with what lies under deleted directories: FAT and exFAT
+    images keep deleted directories while their clusters are free."""
+    return fls_listing(path, under_deleted=True)
 
 
 def mdir_listing(path):
@@ -62,8 +70,8 @@ class FileSystem:
 
 
 FILESYSTEMS = {
-    "fat": FileSystem(["fsck.fat", "-n", "-V"], [fls_listing, mdir_listing]),
-    "exfat": FileSystem(["fsck.exfat", "-n"], [fls_listing]),
+    "fat": FileSystem(["fsck.fat", "-n", "-V"], [fls_full_listing, mdir_listing]),
+    "exfat": FileSystem(["fsck.exfat", "-n"], [fls_full_listing]),
     "ext": FileSystem(["e2fsck", "-fn"], [fls_listing]),
 }
 
@@ -131,6 +139,9 @@ class MtoolsDriver:
     def rm(self, paths):
         self._m("mdel", "-i", self.img, *["::/" + p for p in paths])
 
+    def rmtree(self, p):
+        self._m("mdeltree", "-i", self.img, "::/" + p)
+
     def finish(self):
         pass
 
@@ -155,6 +166,10 @@ class DirDriver:
     def rm(self, paths):
         for p in paths:
             os.unlink(os.path.join(self.root, p))
+
+    def rmtree(self, p):
+        shutil.rmtree(os.path.join(self.root, p))
+        os.sync()
 
     def finish(self):
         os.sync()
@@ -283,11 +298,9 @@ def _fuse_problem():
     return None
 
 
-def build_exfat(img, scratch, size_mb, mkfs_args, prof):
-    with open(img, "wb") as f:
-        f.truncate(size_mb << 20)
-    util.run(["mkfs.exfat", "-L", "RTEXFAT"] + mkfs_args + [img], check=True)
-    root, t = _staged(prof, scratch)
+@contextmanager
+def _fuse_mounted(img, scratch):
+    """The exFAT volume in `img` mounted through FUSE on a loop device."""
     r = util.run(["losetup", "-f", "--show", img])
     if r.returncode != 0:
         raise Skip("losetup failed: %s" % r.out.strip())
@@ -299,17 +312,26 @@ def build_exfat(img, scratch, size_mb, mkfs_args, prof):
         if r.returncode != 0:
             raise Skip("mount.exfat-fuse failed: %s" % r.out.strip())
         try:
-            for e in sorted(os.listdir(root)):
-                s = os.path.join(root, e)
-                if os.path.isdir(s):
-                    shutil.copytree(s, os.path.join(mnt, e), copy_function=shutil.copyfile)
-                else:
-                    shutil.copyfile(s, os.path.join(mnt, e))
-            apply_ops(t.ops, DirDriver(mnt), os.path.join(scratch, "ops"))
+            yield mnt
         finally:
             util.run(["umount", mnt], check=True)
     finally:
         util.run(["losetup", "-d", loop])
+
+
+def build_exfat(img, scratch, size_mb, mkfs_args, prof):
+    with open(img, "wb") as f:
+        f.truncate(size_mb << 20)
+    util.run(["mkfs.exfat", "-L", "RTEXFAT"] + mkfs_args + [img], check=True)
+    root, t = _staged(prof, scratch)
+    with _fuse_mounted(img, scratch) as mnt:
+        for e in sorted(os.listdir(root)):
+            s = os.path.join(root, e)
+            if os.path.isdir(s):
+                shutil.copytree(s, os.path.join(mnt, e), copy_function=shutil.copyfile)
+            else:
+                shutil.copyfile(s, os.path.join(mnt, e))
+        apply_ops(t.ops, DirDriver(mnt), os.path.join(scratch, "ops"))
     return t
 
 
@@ -321,6 +343,37 @@ def exfat_recipe(size_mb, mkfs_args):
             raise Skip("exFAT volumes need FUSE on a loop device: " + why)
         path = _cached(ctx, name, lambda img, scratch: build_exfat(img, scratch, size_mb, mkfs_args, tree.EXFAT))
         return [Volume(name, "exfat", path, expect=set(tree.generate(tree.EXFAT)[1].expect))]
+    return make
+
+
+def deleted_trees_recipe(fs):
+    """A fresh volume on which whole directory trees were deleted, several
+    levels deep, beside a kept one; a directory made afterwards may take
+    some of their clusters again."""
+    def make(ctx, name):
+        ops, expect = tree.deleted_trees()
+        if fs == "fat":
+            util.need("mkfs.fat", "mcopy", "mmd", "mdeltree")
+
+            def build(img, scratch):
+                with open(img, "wb") as f:
+                    f.truncate(32 << 20)
+                util.run(["mkfs.fat", "-F", "16", "-s", "4", "-i", "1234ABCD", "-n", "RTDEL", img], check=True)
+                apply_ops(ops, MtoolsDriver(img), os.path.join(scratch, "ops"))
+        else:
+            util.need("mkfs.exfat", "fsck.exfat")
+            why = _fuse_problem()
+            if why:
+                raise Skip("exFAT volumes need FUSE on a loop device: " + why)
+
+            def build(img, scratch):
+                with open(img, "wb") as f:
+                    f.truncate(32 << 20)
+                util.run(["mkfs.exfat", "-L", "RTDEL", "-c", "4K", img], check=True)
+                with _fuse_mounted(img, scratch) as mnt:
+                    apply_ops(ops, DirDriver(mnt), os.path.join(scratch, "ops"))
+
+        return [Volume(name, fs, _cached(ctx, name, build), expect=expect)]
     return make
 
 
@@ -402,6 +455,8 @@ RECIPES = {
     "exfat_512": exfat_recipe(64, ["-c", "512"]),
     "exfat_128k_unaligned": exfat_recipe(256, ["-c", "128K", "-b", "4K"]),
     "exfat_data": exfat_data,
+    "fat16_deleted_trees": deleted_trees_recipe("fat"),
+    "exfat_deleted_trees": deleted_trees_recipe("exfat"),
     "ext4": ext_recipe(["-t", "ext4"], 128),
     "ext4_htree": ext_recipe(["-t", "ext4"], 128, htree=20000),
     "ext2": ext_recipe(["-t", "ext2"], 128),
@@ -412,10 +467,10 @@ RECIPES = {
 }
 
 GROUPS = {
-    "fat16": ["fat16_2k", "fat16_16k"],
+    "fat16": ["fat16_2k", "fat16_16k", "fat16_deleted_trees"],
     "fat32": ["fat32_512", "fat32_4k"],
     "fat32_4k": ["fat32_s4k", "fat32_s4k_16k"],
-    "exfat": ["exfat_4k", "exfat_512", "exfat_128k_unaligned", "exfat_data"],
+    "exfat": ["exfat_4k", "exfat_512", "exfat_128k_unaligned", "exfat_data", "exfat_deleted_trees"],
     "ext4": ["ext4"],
     "ext4_htree": ["ext4_htree"],
     "ext2": ["ext2"],

@@ -152,3 +152,22 @@ def stage(bulk, root):
             os.makedirs(host, exist_ok=True)
         else:
             write_host_file(host, path, size)
+
+
+def deleted_trees():
+    """Operations that delete whole directory trees (files, sub-directories,
+    four levels) beside a kept tree of the same shape, then make a new
+    directory that may reuse their clusters. Returns (ops, expect)."""
+    ops, expect = [], set()
+    for top in ("kept", "gone", "gone_too"):
+        p = top
+        ops.append(("mkdir", p))
+        for lvl in range(4):
+            for i in range(3):
+                ops.append(("put", "%s/file_%d_%d_with_a_long_name.txt" % (p, lvl, i), 100 + 700 * i))
+            p += "/level%d" % lvl
+            ops.append(("mkdir", p))
+    expect = {op[1] for op in ops if op[1].startswith("kept")}
+    ops += [("rmtree", "gone"), ("rmtree", "gone_too"), ("mkdir", "after"), ("put", "after/new.bin", 5000)]
+    expect |= {"after", "after/new.bin"}
+    return ops, expect

@@ -157,6 +157,13 @@ class Volume {
     Append(dir, entry);
   }
   uint64_t DirOffset(uint32_t dir, uint64_t pos) const { return ClusterOffset(dir) + pos; }
+  // Turns the set at `pos` of `dir` into a deleted one (in-use bits cleared).
+  void Delete(uint32_t dir, uint64_t pos) {
+    size_t at = DirOffset(dir, pos);
+    for (uint32_t i = 0; i <= img[at + 1]; ++i) img[at + 32 * i] &= 0x7F;
+  }
+  // Sets cluster c's bit in the allocation bitmap.
+  void Allocate(uint32_t c) { img[ClusterOffset(bitmapCluster) + (c - 2) / 8] |= uint8_t(1u << ((c - 2) % 8)); }
   uint64_t End(uint32_t dir) { return dirEnd_[dir]; }
 
   // Heap blocks (at the volume's block shift k) covering cluster c.
@@ -615,6 +622,36 @@ TEST(ExFatHostile, RootChainTooLongOrBrokenStopsTheScan) {
   }
 }
 
+TEST(ExFatHostile, DeletedDirectoriesKeepTheirRunWhileTheBitmapCallsItFree) {
+  TreeVolume v;
+  v.Populate();
+  const uint32_t cs = v.ClusterSize();
+  // A deleted directory of two clusters; inside it a live-looking and a
+  // deleted sub-directory, and one whose cluster is in use again.
+  uint64_t gone = v.AddSet(v.rootCluster, "gone", true, 120, 2 * cs, true);
+  v.AddSet(120, "live-looking", true, 130, cs, true);
+  v.Delete(120, v.AddSet(120, "reused", true, 140, cs, true));
+  v.Allocate(140);
+  v.AddSet(140, "below the reused one", true, 145, cs, true);
+  v.Delete(130, v.AddSet(130, "deeper", true, 150, cs, true));
+  v.Delete(v.rootCluster, gone);
+  // Half in use: not followed at all. A deleted entry naming a live
+  // directory's clusters is not followed again, nor counted.
+  v.Delete(v.rootCluster, v.AddSet(v.rootCluster, "half", true, 160, 2 * cs, true));
+  v.Allocate(161);
+  v.Delete(v.rootCluster, v.AddSet(v.rootCluster, "old docs", true, 10, 2 * cs, true, false));
+  // Damage inside a deleted directory is left-over data, not counted.
+  uint64_t bad = v.AddSet(150, "bad", true, 170, cs);
+  v.img[v.DirOffset(150, bad) + 32] = 0xC1;
+  MemDevice dev(v.img);
+  ScanResult r = Scan(&dev);
+  ASSERT_EQ(r.status, api::QORV_OK);
+  EXPECT_EQ(r.problems, 0u);
+  std::set<uint32_t> dirs = v.dirs;
+  dirs.insert({120, 121, 130, 150});
+  EXPECT_EQ(Marked(r), Expected(v, 12, dirs));
+}
+
 // A device that vanishes after a number of reads.
 class VanishingDevice : public MemDevice {
  public:
@@ -728,11 +765,25 @@ TEST(ExFatRealVolumes, PopulatedVolumeKeepsAllocatedClustersOnlyAndNoFileContent
   ScanResult r = Scan(&dev);
   ASSERT_EQ(r.status, api::QORV_OK);
   ASSERT_EQ(r.k, cs);
+  // Free clusters kept are exactly those of the root's deleted directories
+  // (the recipe deleted one with all its files).
+  std::set<uint32_t> deletedRuns;
+  auto u32 = [&](size_t at) { return uint32_t(bytes[at] | bytes[at + 1] << 8 | bytes[at + 2] << 16 | uint32_t(bytes[at + 3]) << 24); };
+  size_t root = heap + (uint64_t(u32(96) - 2) << cs);
+  for (size_t at = root; at + 64 <= root + (1u << cs); at += 32)
+    if (bytes[at] == 0x05 && (bytes[at + 4] & 0x10) && bytes[at + 32] == 0x40)
+      for (uint64_t n = 0; n < (u32(at + 32 + 24) + (1u << cs) - 1) >> cs; ++n) deletedRuns.insert(u32(at + 32 + 20) + n);
+  ASSERT_FALSE(deletedRuns.empty());
   uint64_t keptHeapClusters = 0;
   for (uint64_t b = heap >> cs; b < r.n; ++b) {
+    uint32_t c = uint32_t(b - (heap >> cs) + 2);
+    if (deletedRuns.count(c) && !used.count(c)) {
+      EXPECT_TRUE(r.Test(b)) << "deleted directory cluster " << c << " not kept";
+      continue;
+    }
     if (!r.Test(b)) continue;
     ++keptHeapClusters;
-    EXPECT_TRUE(used.count(uint32_t(b - (heap >> cs) + 2))) << "kept a free cluster " << b;
+    EXPECT_TRUE(used.count(c)) << "kept a free cluster " << b;
   }
   // The volume holds files with contents, so far fewer clusters are kept than are in use.
   EXPECT_GT(keptHeapClusters, 3u);
