@@ -642,13 +642,16 @@ TEST(FatScannerSamples, RealVolumesFromOtherSystems) {
     for (uint64_t b = 0; b < m.fdb; ++b) ASSERT_TRUE(r.Test(b));
     std::set<uint32_t> kept = m.KeptClusters();
     for (uint32_t c : kept) EXPECT_TRUE(r.Test(c - 2 + m.fdb)) << s.name << " dir cluster " << c;
-    for (uint32_t c : m.fileClusters)
+    for (uint32_t c : m.fileClusters) {
       if (!kept.count(c)) {
         EXPECT_FALSE(r.Test(c - 2 + m.fdb)) << s.name << " file cluster " << c;
       }
+    }
     EXPECT_EQ(r.CountSet(), m.fdb + kept.size()) << s.name;
     // The undelete sample holds two deleted directories, one inside the other's parent.
-    if (std::string(s.name) == "fat16_winxp_dftt_undelete") EXPECT_GE(m.deletedDirs.size(), 2u);
+    if (std::string(s.name) == "fat16_winxp_dftt_undelete") {
+      EXPECT_GE(m.deletedDirs.size(), 2u);
+    }
     RecordingMessage dataMsg;
     EXPECT_EQ(Scan(&dev, &dataMsg, api::SCAN_DATA).status, api::ERR_NOT_SUPPORTED);
     EXPECT_TRUE(dataMsg.Has(1, std::string(s.type) + " support \"-data\" option is not implemented."));
