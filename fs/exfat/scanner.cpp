@@ -188,8 +188,10 @@ void ExFatDirVisitor::MarkSeen(CTreeWalk& walk, const std::vector<ExFatExtent>& 
 
 void ExFatDirVisitor::MarkContiguous(uint32_t first, uint64_t bytes, const char* what, uint64_t seenBytes,
                                      CTreeWalk& walk) {
+  // Rounded up without adding to `bytes`, which an on-disk length near 2^64
+  // would wrap to nothing. A length beyond the heap is counted by MarkRuns.
   const uint32_t shift = fs_->ClusterShift();
-  uint64_t clusters = (bytes + (uint64_t(1) << shift) - 1) >> shift;
+  uint64_t clusters = (bytes >> shift) + ((bytes & ((uint64_t(1) << shift) - 1)) != 0);
   if (clusters == 0) return;
   MarkRuns(first, what, {{first, uint32_t(clusters > UINT32_MAX ? UINT32_MAX : clusters)}});
   uint64_t seen = (std::min(bytes, seenBytes) + (uint64_t(1) << shift) - 1) >> shift;

@@ -531,6 +531,23 @@ TEST(ExFatHostile, OutOfRangeAndOversizedDirectoriesAreCountedAndSkipped) {
   EXPECT_EQ(Marked(r), Expected(v, 12, dirs));
 }
 
+TEST(ExFatHostile, AbsurdUpcaseLengthIsCountedAndClampedToTheHeap) {
+  // Lengths near 2^64 must not wrap to nothing; each one claims more
+  // clusters than the heap holds, which is one problem.
+  for (uint64_t length : {~uint64_t(0), ~uint64_t(0) - 4094, uint64_t(1) << 40}) {
+    Volume v;
+    v.Build();
+    Put64(v.img, v.DirOffset(v.rootCluster, 32 + 32 * v.fats) + 24, length);
+    MemDevice dev(v.img);
+    ScanResult r = Scan(&dev);
+    ASSERT_EQ(r.status, api::QORV_OK);
+    EXPECT_EQ(r.problems, 1u) << length;
+    std::set<uint32_t> clusters = {v.rootCluster};
+    for (uint32_t c = v.upcaseCluster; c < v.clusterCount + 2; ++c) clusters.insert(c);
+    EXPECT_EQ(Marked(r), Expected(v, 12, clusters)) << length;
+  }
+}
+
 TEST(ExFatHostile, MalformedEntrySetsAreCountedAndWalkedPast) {
   TreeVolume v;
   v.Populate();
