@@ -1,5 +1,6 @@
 // The restore: every stored block back at its offset, then the tail at the
 // target's end.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,10 +17,13 @@ namespace mdsnap {
 
 using namespace api;
 
-// Writes len bytes at offset; bytes past the end of the target are dropped,
-// so a block that straddles the end of the source volume cannot grow the file.
+// Writes len bytes at offset and says in *written how many landed. Bytes past
+// the end of the target are dropped: the up-front size checks keep every
+// stored block inside a file, so only a device that reports a wrong size gets
+// here, and it must not be written past its end.
 static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t offset, const uint8_t* buf, uint32_t len,
-                            IMessage* msg) {
+                            IMessage* msg, uint64_t* written) {
+  *written = 0;
   if (offset >= targetSize) return QORV_OK;
   if (targetSize - offset < len) len = uint32_t(targetSize - offset);
   ssize_t n = ::pwrite(fd, buf, len, off_t(offset));
@@ -31,7 +35,23 @@ static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t offset, const 
     std::fprintf(stderr, "failed to write to device %zd instead of %u)\n", n, len);
     return ERR_WRITE_FAILED;
   }
+  *written = len;
   return QORV_OK;
+}
+
+static status_t TargetTooSmall(uint64_t needed, uint64_t targetSize, const char* name) {
+  std::fprintf(stderr, "WARNING: mdsnap's volume size in bytes 0x%" PRIx64 " > 0x%" PRIx64 " - size of \"%s\"\n",
+               needed, targetSize, name);
+  return ERR_IO_RANGE;
+}
+
+// An image file shorter than the bitmap its header claims is refused before
+// the bitmap is allocated; a pipe cannot say and is read as far as it goes.
+static bool ImageCanHold(int fd, uint64_t bytes) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return true;
+  off_t at = ::lseek(fd, 0, SEEK_CUR);
+  return at < 0 || uint64_t(st.st_size) >= uint64_t(at) + bytes;
 }
 
 status_t Restore(RunContext& ctx) {
@@ -55,6 +75,10 @@ status_t Restore(RunContext& ctx) {
     return ERR_IO_RANGE;
   }
   uint64_t imageBytes;
+  // A file made with -c is grown to hold every stored block (and the tail),
+  // however crude the header's sector-size estimate; it only grows once the
+  // image has delivered the bytes that need the room.
+  bool growable = false;
   if (h.version == 1) {
     if (h.byteSize > targetSize) {
       uint64_t imageSectors = h.byteSize >> ctx.sectorLog2;
@@ -74,24 +98,30 @@ status_t Restore(RunContext& ctx) {
     imageBytes = h.sectors > (UINT64_MAX >> log2) ? UINT64_MAX : h.sectors << log2;
     if (opt.modeFlags & MODE_CREATE) {
       msg->Trace(1, "Resizing file \"%s\"\n", name);
-      if (imageBytes <= uint64_t(INT64_MAX) && ::ftruncate(ctx.deviceFd, off_t(imageBytes)) == 0)
+      if (imageBytes <= uint64_t(INT64_MAX) && ::ftruncate(ctx.deviceFd, off_t(imageBytes)) == 0) {
         targetSize = imageBytes;
-      else
+        growable = true;
+      } else {
         std::fprintf(stderr, "failed to resize file\n");
+      }
     }
   }
-  if (imageBytes > targetSize) {
-    std::fprintf(stderr, "WARNING: mdsnap's volume size in bytes 0x%" PRIx64 " > 0x%" PRIx64 " - size of \"%s\"\n",
-                 imageBytes, targetSize, name);
-    return ERR_IO_RANGE;
-  }
+  if (imageBytes > targetSize) return TargetTooSmall(imageBytes, targetSize, name);
   if (imageBytes < targetSize)
     msg->Trace(1, "WARNING: mdsnap's volume size 0x%" PRIx64 " bytes < \"%s\" size 0x%" PRIx64 " bytes\n", imageBytes,
                name, targetSize);
 
   const uint64_t n = h.blockCount;
   const uint32_t k = h.blockShift;
+  // Saturates: a block count and shift whose product overflows is larger
+  // than any target.
   const uint64_t fsBytes = n > (UINT64_MAX >> k) ? UINT64_MAX : n << k;
+  if (growable && fsBytes > targetSize) {
+    if (fsBytes <= uint64_t(INT64_MAX))
+      targetSize = fsBytes;
+    else
+      growable = false;
+  }
   uint64_t maxRun = uint64_t(kWorkBufferSize) >> k;
   if (maxRun == 0) maxRun = 1;
   if (verbose)
@@ -100,14 +130,20 @@ status_t Restore(RunContext& ctx) {
     std::fprintf(stderr, "Volume is too big to restore in 32 bit OS\n");
     return ERR_TOO_BIG;
   }
+  // A block past the end of the target would be lost.
+  if (fsBytes > targetSize) return TargetTooSmall(fsBytes, targetSize, name);
   uint64_t bitmapBytes = BitmapBytes(n);
+  IMessage* splitLog = verbose ? msg : nullptr;
+  if (!ImageCanHold(ctx.imageFd, bitmapBytes)) {
+    msg->Trace(1, "failed to read dump file bitmap");
+    return ERR_SHORT_IO;
+  }
   uint8_t* bitmap = static_cast<uint8_t*>(ctx.env->mem->Allocate(size_t(bitmapBytes ? bitmapBytes : 1), ALLOC_ZERO));
   if (!bitmap) {
     std::fprintf(stderr, "Failed to allocate bitmap buffer of size %zx\n", size_t(bitmapBytes));
     return ERR_NO_MEMORY;
   }
   *ctx.bitmap = bitmap;
-  IMessage* splitLog = verbose ? msg : nullptr;
   if (!ReadAll(ctx.imageFd, bitmap, bitmapBytes, splitLog)) {
     msg->Trace(1, "failed to read dump file bitmap");
     return ERR_SHORT_IO;
@@ -135,11 +171,7 @@ status_t Restore(RunContext& ctx) {
         status = ERR_TOO_BIG;
         break;
       }
-      if (first > (UINT64_MAX >> k) || count > ((UINT64_MAX >> k) - first)) {
-        msg->Trace(1, "failed to read dump file data");
-        status = ERR_SHORT_IO;
-        break;
-      }
+      // Runs lie below N, and N << K was checked against the target.
       uint64_t offset = first << k, bytes = count << k;
       for (uint64_t done = 0; done < bytes && status == QORV_OK;) {
         uint32_t piece = uint32_t(bytes - done < kWorkBufferSize ? bytes - done : kWorkBufferSize);
@@ -148,9 +180,10 @@ status_t Restore(RunContext& ctx) {
           status = ERR_SHORT_IO;
           break;
         }
-        status = WriteTarget(ctx.deviceFd, targetSize, offset + done, ctx.work, piece, msg);
+        uint64_t written;
+        status = WriteTarget(ctx.deviceFd, targetSize, offset + done, ctx.work, piece, msg, &written);
         done += piece;
-        restored += piece;
+        restored += written;
       }
       lastWrote = offset + bytes;
     }
@@ -158,25 +191,40 @@ status_t Restore(RunContext& ctx) {
   msg->EndProgress();
   if (status != QORV_OK) return status;
 
+  // The tail is placed so that it ends at the end of the target. Its
+  // presence is not recorded, so the image is read on even when the target
+  // leaves no room for a tail: bytes that did come are never dropped quietly.
   const char* suffix = "";
-  if (fsBytes < targetSize) {
-    if (verbose) msg->Trace(1, "Try to restore tail of volume. last wrote 0x%" PRIx64 "\n", lastWrote);
-    if (lastWrote + kTailMin <= targetSize) {
-      uint64_t tail = ReadUpTo(ctx.imageFd, ctx.work, kTailSize);
-      if (tail >= kTailMin && tail <= targetSize) {
-        uint64_t at = targetSize - tail;
-        if (::pwrite(ctx.deviceFd, ctx.work, size_t(tail), off_t(at)) == ssize_t(tail)) {
-          restored += tail;
-          suffix = " (including tail)";
-          if (verbose) msg->Trace(1, "Restored 0x%x tail bytes of volume at 0x%" PRIx64 "\n", unsigned(tail), at);
-        } else {
-          std::fprintf(stderr, "failed to restore tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
-        }
-      } else if (verbose) {
-        msg->Trace(1, "%d: Failed to read last 1024 bytes of image at 0x%" PRIx64 "\n", int(tail),
-                   dataOffset + restored);
-      }
+  const bool room = fsBytes < targetSize && lastWrote + kTailMin <= targetSize;
+  if (fsBytes < targetSize && verbose)
+    msg->Trace(1, "Try to restore tail of volume. last wrote 0x%" PRIx64 "\n", lastWrote);
+  uint64_t tail = ReadUpTo(ctx.imageFd, ctx.work, kTailSize);
+  if (tail < kTailMin) {
+    if (room && verbose)
+      msg->Trace(1, "%d: Failed to read last 1024 bytes of image at 0x%" PRIx64 "\n", int(tail),
+                 dataOffset + restored);
+  } else {
+    if (!room || tail > targetSize) {
+      // A header that underestimates its volume gets here (so do bytes an
+      // earlier, longer image left behind in the same file: the two cannot
+      // be told apart). A -c file then ends with the tail right after the
+      // stored blocks' extent; a fixed target is too small for the volume.
+      const uint64_t needed = fsBytes + tail;
+      if (!growable || needed > uint64_t(INT64_MAX)) return TargetTooSmall(needed, targetSize, name);
+      targetSize = needed;
     }
+    uint64_t at = targetSize - tail;
+    if (::pwrite(ctx.deviceFd, ctx.work, size_t(tail), off_t(at)) == ssize_t(tail)) {
+      restored += tail;
+      suffix = " (including tail)";
+      if (verbose) msg->Trace(1, "Restored 0x%x tail bytes of volume at 0x%" PRIx64 "\n", unsigned(tail), at);
+    } else {
+      std::fprintf(stderr, "failed to restore tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
+    }
+  }
+  if (growable && ::ftruncate(ctx.deviceFd, off_t(targetSize)) != 0) {
+    std::fprintf(stderr, "failed to resize file\n");
+    return ERR_WRITE_FAILED;
   }
   FlushDeviceCaches(ctx.device);
   SizeGb gb = ToGb(restored);
