@@ -148,9 +148,6 @@ static bool ReadVolume(int fd, uint64_t volumeSize, uint64_t offset, uint8_t* bu
 status_t Dump(RunContext& ctx) {
   const Options& opt = *ctx.opt;
   IMessage* msg = ctx.msg;
-  bool verbose = opt.modeFlags & MODE_VERBOSE;
-  uint64_t volumeSectors = ctx.volumeSize >> ctx.sectorLog2;
-
   ScanResult scan;
   if (opt.modeFlags & MODE_RAW) {
     uint32_t k = RawShift(ctx.volumeSize);
@@ -174,6 +171,20 @@ status_t Dump(RunContext& ctx) {
     if (s != QORV_OK) return s;
   }
   *ctx.bitmap = scan.bitmap;
+  return WriteImage(ctx, scan);
+}
+
+status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
+  const Options& opt = *ctx.opt;
+  IMessage* msg = ctx.msg;
+  bool verbose = opt.modeFlags & MODE_VERBOSE;
+  uint64_t volumeSectors = ctx.volumeSize >> ctx.sectorLog2;
+  // Whatever a scanner handed back, an image that no restore would accept is
+  // never started.
+  if (scan.blockCount > 0xFFFFFFFFull) {
+    msg->Trace(1, "Volume is too big to dump it");
+    return ERR_TOO_BIG;
+  }
 
   const uint64_t n = scan.blockCount;
   const uint32_t k = scan.blockShift;

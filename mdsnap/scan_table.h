@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "core/api/scanner.h"
+#include "mdsnap/run.h"
 
 namespace mdsnap {
 
@@ -33,5 +34,9 @@ api::status_t HeadOnlyBitmap(api::CLibEnv* env, api::IDeviceRWBlock* device, api
 uint32_t HeadOnlyShift(uint64_t size);
 // "-dd": every block; the block shift for a volume of this size.
 uint32_t RawShift(uint64_t size);
+
+// The writing half of the dump: header, bitmap, padding, the marked blocks
+// and the tail, for a scan result however it was made.
+api::status_t WriteImage(RunContext& ctx, const ScanResult& scan);
 
 }  // namespace mdsnap

@@ -1,14 +1,19 @@
 // End-to-end runs of the mdsnap binary: raw and head-only dumps, restores,
 // info, pipes, and the failures a user meets.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "mdsnap/image_format.h"
+#include "mdsnap/scan_table.h"
 #include "tests/support/cli.h"
+#include "tests/support/recording_message.h"
+#include "tests/support/test_env.h"
 
 using namespace testsupport;
 
@@ -124,6 +129,37 @@ TEST(Cli, RawDumpRestoresByteForByteAtOddSizes) {
     ASSERT_EQ(restored.size(), sectors);
     EXPECT_TRUE(restored == ReadFile(vol).substr(0, sectors)) << size;
   }
+}
+
+// A scanner may count more blocks than a restore accepts (exFAT's heap in
+// 512-byte blocks can); the dump refuses that result itself and writes
+// nothing. The one-byte bitmap would be overrun by any attempt to go on.
+TEST(Dump, ScanResultBeyond32BitsIsRefusedBeforeWriting) {
+  TempDir dir;
+  std::string image = dir / "img.mds";
+  int fd = ::open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  testsupport::TestEnv t;
+  testsupport::RecordingMessage msg;
+  mdsnap::Options opt;
+  std::vector<uint8_t> work(mdsnap::kWorkBufferSize);
+  uint8_t bitmap = 0xFF;
+  mdsnap::RunContext ctx;
+  ctx.opt = &opt;
+  ctx.deviceName = "vol.img";
+  ctx.imageFd = fd;
+  ctx.msg = &msg;
+  ctx.env = &t.env;
+  ctx.work = work.data();
+  ctx.volumeSize = uint64_t(1) << 42;
+  mdsnap::ScanResult scan;
+  scan.bitmap = &bitmap;
+  scan.blockCount = uint64_t(1) << 32;
+  scan.blockShift = 9;
+  EXPECT_EQ(mdsnap::WriteImage(ctx, scan), api::ERR_TOO_BIG);
+  ::close(fd);
+  EXPECT_EQ(msg.lines, std::vector<std::string>{"1:Volume is too big to dump it"});
+  EXPECT_EQ(FileSize(image), 0u);
 }
 
 TEST(Cli, HeaderAndLayoutOfARawImage) {
