@@ -106,16 +106,15 @@ status_t Restore(RunContext& ctx) {
       }
     }
   }
-  if (imageBytes > targetSize) return TargetTooSmall(imageBytes, targetSize, name);
-  if (imageBytes < targetSize)
-    msg->Trace(1, "WARNING: mdsnap's volume size 0x%" PRIx64 " bytes < \"%s\" size 0x%" PRIx64 " bytes\n", imageBytes,
-               name, targetSize);
-
   const uint64_t n = h.blockCount;
   const uint32_t k = h.blockShift;
   // Saturates: a block count and shift whose product overflows is larger
   // than any target.
   const uint64_t fsBytes = n > (UINT64_MAX >> k) ? UINT64_MAX : n << k;
+  if (imageBytes > targetSize) return TargetTooSmall(imageBytes > fsBytes ? imageBytes : fsBytes, targetSize, name);
+  if (imageBytes < targetSize)
+    msg->Trace(1, "WARNING: mdsnap's volume size 0x%" PRIx64 " bytes < \"%s\" size 0x%" PRIx64 " bytes\n", imageBytes,
+               name, targetSize);
   if (growable && fsBytes > targetSize) {
     if (fsBytes <= uint64_t(INT64_MAX))
       targetSize = fsBytes;

@@ -223,35 +223,11 @@ TEST(Cli, PipesInBothDirections) {
   EXPECT_EQ(info.out, "unknown, 300200 (1801 x 200), 0.00 GB\n");
 }
 
-TEST(Cli, RestoreTargetsSmallerAndLarger) {
-  TempDir dir;
-  MakeVolume(dir, "vol.img", 2 << 20);
-  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
-  std::string small = MakeVolume(dir, "small.img", 1 << 20);
-  std::string before = ReadFile(small);
-  RunResult s = Sh(dir, "MDSNAP --restore --nopercents -f:img.mds small.img");
-  EXPECT_EQ(s.status, kIoRange);
-  EXPECT_NE(s.err.find("WARNING: mdsnap's volume size in bytes 0x200000 > 0x100000 - size of \"small.img\"\n"),
-            std::string::npos)
-      << s.err;
-  EXPECT_TRUE(ReadFile(small) == before);  // nothing written
-
-  std::string large = dir / "large.img";
-  WriteFile(large, "");
-  ASSERT_EQ(::truncate(large.c_str(), 3 << 20), 0);
-  RunResult l = Sh(dir, "MDSNAP --restore --nopercents -f:img.mds large.img");
-  EXPECT_EQ(l.status, 0) << l.err;
-  EXPECT_NE(l.out.find("WARNING: mdsnap's volume size 0x200000 bytes < \"large.img\" size 0x300000 bytes\n"),
-            std::string::npos);
-  EXPECT_TRUE(ReadFile(large).substr(0, 2 << 20) == ReadFile(dir / "vol.img"));
-  EXPECT_EQ(FileSize(large), 3u << 20);
-}
-
 // The header's sector count is in the source device's sectors; with 4096-byte
 // sectors on a small volume the restore's estimate falls to a few MiB, far
 // below the stored blocks. The last MiB lies outside the file system and
 // ends in a marked tail, which the dump stores after the blocks.
-TEST(Cli, RestoreMakesRoomForEveryStoredBlockAndTheTail) {
+TEST(Cli, RestoreTargetsHoldEveryStoredBlockAndTheTail) {
   if (!HaveTool("mke2fs")) GTEST_SKIP() << "mke2fs not installed";
   TempDir dir;
   std::string vol = dir / "vol.img";
@@ -284,28 +260,34 @@ TEST(Cli, RestoreMakesRoomForEveryStoredBlockAndTheTail) {
     EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
   }
 
-  // Fixed targets: one shorter than the blocks is refused before anything is
-  // written; one that holds the blocks but leaves no room for the tail fails.
-  for (uint64_t size : {uint64_t(0x280000), uint64_t(19) << 20}) {
+  // Fixed targets: shorter than the header's volume or than the blocks, both
+  // refused with the larger size before anything is written; holding the
+  // blocks but no room for the tail, failed after them.
+  for (uint64_t size : {uint64_t(1) << 20, uint64_t(0x280000), uint64_t(19) << 20}) {
     std::string target = MakeVolume(dir, "fixed.img", size);
     const std::string before = ReadFile(target);
     RunResult r = Sh(dir, "MDSNAP --restore --nopercents -f:img.mds fixed.img");
     EXPECT_EQ(r.status, kIoRange) << size;
     char want[128];
     std::snprintf(want, sizeof want, "WARNING: mdsnap's volume size in bytes 0x%x > 0x%x - size of \"fixed.img\"\n",
-                  size == 0x280000 ? 19u << 20 : (19u << 20) + 1024, unsigned(size));
-    EXPECT_NE(r.err.find(want), std::string::npos) << r.err;
+                  size == (19u << 20) ? (19u << 20) + 1024 : 19u << 20, unsigned(size));
+    EXPECT_NE(r.err.find(want), std::string::npos) << size << r.err;
     EXPECT_EQ(FileSize(target), size);
-    if (size == 0x280000) {
+    if (size != (19u << 20)) {
       EXPECT_TRUE(ReadFile(target) == before);
     }
   }
-  // A device as large as the source volume takes the tail at its end.
-  MakeVolume(dir, "same.img", 20 << 20);
-  RunResult same = Sh(dir, "MDSNAP --restore --nopercents -f:img.mds same.img");
-  ASSERT_EQ(same.status, 0) << same.err;
-  std::string sameBytes = ReadFile(dir / "same.img");
-  EXPECT_TRUE(sameBytes.substr((20 << 20) - 1024) == marker);
+  // A larger device warns and takes the blocks at their offsets and the tail
+  // at its own end.
+  RunResult large = Sh(dir, "truncate -s 21M large.img && MDSNAP --restore --nopercents -f:img.mds large.img");
+  ASSERT_EQ(large.status, 0) << large.err;
+  EXPECT_NE(large.out.find("WARNING: mdsnap's volume size 0x280000 bytes < \"large.img\" size 0x1500000 bytes\n"),
+            std::string::npos)
+      << large.out;
+  std::string largeBytes = ReadFile(dir / "large.img");
+  ASSERT_EQ(largeBytes.size(), 21u << 20);
+  EXPECT_TRUE(largeBytes.substr((21 << 20) - 1024) == marker);
+  EXPECT_TRUE(largeBytes.substr(0, 19 << 20) == ReadFile(dir / "out.img").substr(0, 19 << 20));
 }
 
 TEST(Cli, TruncatedAndCorruptImages) {
