@@ -18,9 +18,9 @@ namespace mdsnap {
 using namespace api;
 
 // Writes len bytes at offset and says in *written how many landed. Bytes past
-// the end of the target are dropped: the up-front size checks keep every
-// stored block inside a file, so only a device that reports a wrong size gets
-// here, and it must not be written past its end.
+// the end of the target are dropped: the size checks before the first write
+// keep every stored block inside the target, so only a device that reports a
+// wrong size gets here, and it must not be written past its end.
 static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t offset, const uint8_t* buf, uint32_t len,
                             IMessage* msg, uint64_t* written) {
   *written = 0;
@@ -37,6 +37,16 @@ static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t offset, const 
   }
   *written = len;
   return QORV_OK;
+}
+
+// One past the highest block whose bit is set (bits past n do not count).
+static uint64_t LastStoredBlock(const uint8_t* bits, uint64_t n) {
+  for (uint64_t i = BitmapBytes(n); i-- > 0;) {
+    uint32_t b = bits[i];
+    if (i == n / 8) b &= (1u << (n & 7)) - 1;
+    if (b) return i * 8 + uint64_t(32 - __builtin_clz(b));
+  }
+  return 0;
 }
 
 static status_t TargetTooSmall(uint64_t needed, uint64_t targetSize, const char* name) {
@@ -75,9 +85,9 @@ status_t Restore(RunContext& ctx) {
     return ERR_IO_RANGE;
   }
   uint64_t imageBytes;
-  // A file made with -c is grown to hold every stored block (and the tail),
-  // however crude the header's sector-size estimate; it only grows once the
-  // image has delivered the bytes that need the room.
+  // A file made with -c grows to hold every stored block (and the tail); it
+  // only grows once the image has delivered the bitmap or the bytes that
+  // need the room.
   bool growable = false;
   if (h.version == 1) {
     if (h.byteSize > targetSize) {
@@ -106,16 +116,24 @@ status_t Restore(RunContext& ctx) {
       }
     }
   }
+  if (imageBytes > targetSize) return TargetTooSmall(imageBytes, targetSize, name);
+  if (imageBytes < targetSize)
+    msg->Trace(1, "WARNING: mdsnap's volume size 0x%" PRIx64 " bytes < \"%s\" size 0x%" PRIx64 " bytes\n", imageBytes,
+               name, targetSize);
+
   const uint64_t n = h.blockCount;
   const uint32_t k = h.blockShift;
   // Saturates: a block count and shift whose product overflows is larger
   // than any target.
   const uint64_t fsBytes = n > (UINT64_MAX >> k) ? UINT64_MAX : n << k;
-  if (imageBytes > targetSize) return TargetTooSmall(imageBytes > fsBytes ? imageBytes : fsBytes, targetSize, name);
-  if (imageBytes < targetSize)
-    msg->Trace(1, "WARNING: mdsnap's volume size 0x%" PRIx64 " bytes < \"%s\" size 0x%" PRIx64 " bytes\n", imageBytes,
-               name, targetSize);
-  if (growable && fsBytes > targetSize) {
+  // The sector-size estimate is crude; the header's own size in gigabytes
+  // tells when it fell short. Only then is the source volume known to be
+  // larger than the estimate, and a -c file is made as large as the file
+  // system (a scanner's block count may run a cluster past the volume, so
+  // it is not used when the estimate holds).
+  const SizeGb estimated = ToGb(imageBytes);
+  const bool estimateHolds = h.version == 1 || (estimated.whole == h.gb && estimated.hundredths == h.hundredths);
+  if (growable && !estimateHolds && fsBytes > targetSize) {
     if (fsBytes <= uint64_t(INT64_MAX))
       targetSize = fsBytes;
     else
@@ -129,8 +147,7 @@ status_t Restore(RunContext& ctx) {
     std::fprintf(stderr, "Volume is too big to restore in 32 bit OS\n");
     return ERR_TOO_BIG;
   }
-  // A block past the end of the target would be lost.
-  if (fsBytes > targetSize) return TargetTooSmall(fsBytes, targetSize, name);
+  if (fsBytes == UINT64_MAX) return TargetTooSmall(fsBytes, targetSize, name);
   uint64_t bitmapBytes = BitmapBytes(n);
   IMessage* splitLog = verbose ? msg : nullptr;
   if (!ImageCanHold(ctx.imageFd, bitmapBytes)) {
@@ -147,6 +164,16 @@ status_t Restore(RunContext& ctx) {
     msg->Trace(1, "failed to read dump file bitmap");
     return ERR_SHORT_IO;
   }
+  // A block past the end of the target would be lost: a fixed target must
+  // hold the last stored block, a -c file grows to it.
+  const uint64_t storedEnd = LastStoredBlock(bitmap, n) << k;
+  if (growable && storedEnd > targetSize) {
+    if (storedEnd <= uint64_t(INT64_MAX))
+      targetSize = storedEnd;
+    else
+      growable = false;
+  }
+  if (storedEnd > targetSize) return TargetTooSmall(storedEnd, targetSize, name);
   uint64_t total = QORV::CountSetBits(bitmap, n);
   msg->BeginProgress("Restoring \"%s\" (%u.%02u Gb) from (%u.%02u GB)...", name, targetGb.whole,
                      targetGb.hundredths, h.gb, h.hundredths);
@@ -170,7 +197,7 @@ status_t Restore(RunContext& ctx) {
         status = ERR_TOO_BIG;
         break;
       }
-      // Runs lie below N, and N << K was checked against the target.
+      // Runs end by the last stored block, which the target was checked to hold.
       uint64_t offset = first << k, bytes = count << k;
       for (uint64_t done = 0; done < bytes && status == QORV_OK;) {
         uint32_t piece = uint32_t(bytes - done < kWorkBufferSize ? bytes - done : kWorkBufferSize);
@@ -191,34 +218,38 @@ status_t Restore(RunContext& ctx) {
   if (status != QORV_OK) return status;
 
   // The tail is placed so that it ends at the end of the target. Its
-  // presence is not recorded, so the image is read on even when the target
-  // leaves no room for a tail: bytes that did come are never dropped quietly.
+  // presence is not recorded in the header.
   const char* suffix = "";
   const bool room = fsBytes < targetSize && lastWrote + kTailMin <= targetSize;
   if (fsBytes < targetSize && verbose)
     msg->Trace(1, "Try to restore tail of volume. last wrote 0x%" PRIx64 "\n", lastWrote);
-  uint64_t tail = ReadUpTo(ctx.imageFd, ctx.work, kTailSize);
-  if (tail < kTailMin) {
-    if (room && verbose)
-      msg->Trace(1, "%d: Failed to read last 1024 bytes of image at 0x%" PRIx64 "\n", int(tail),
-                 dataOffset + restored);
-  } else {
-    if (!room || tail > targetSize) {
-      // A header that underestimates its volume gets here (so do bytes an
-      // earlier, longer image left behind in the same file: the two cannot
-      // be told apart). A -c file then ends with the tail right after the
-      // stored blocks' extent; a fixed target is too small for the volume.
-      const uint64_t needed = fsBytes + tail;
-      if (!growable || needed > uint64_t(INT64_MAX)) return TargetTooSmall(needed, targetSize, name);
-      targetSize = needed;
-    }
-    uint64_t at = targetSize - tail;
-    if (::pwrite(ctx.deviceFd, ctx.work, size_t(tail), off_t(at)) == ssize_t(tail)) {
-      restored += tail;
-      suffix = " (including tail)";
-      if (verbose) msg->Trace(1, "Restored 0x%x tail bytes of volume at 0x%" PRIx64 "\n", unsigned(tail), at);
+  // When the estimate holds, a target without room cannot be missing a
+  // tail the dump wrote; whatever follows is left over from an earlier,
+  // longer image in the same file (a dump does not truncate).
+  if (room || !estimateHolds) {
+    uint64_t tail = ReadUpTo(ctx.imageFd, ctx.work, kTailSize);
+    if (tail < kTailMin) {
+      if (room && verbose)
+        msg->Trace(1, "%d: Failed to read last 1024 bytes of image at 0x%" PRIx64 "\n", int(tail),
+                   dataOffset + restored);
     } else {
-      std::fprintf(stderr, "failed to restore tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
+      if (!room || tail > targetSize) {
+        // The source volume was larger than the estimate: a -c file ends
+        // with the tail right after the file system (the best guess left);
+        // a fixed target is too small for the volume.
+        uint64_t end = fsBytes > lastWrote ? fsBytes : lastWrote;
+        uint64_t needed = end > uint64_t(INT64_MAX) ? UINT64_MAX : end + tail;
+        if (!growable || needed > uint64_t(INT64_MAX)) return TargetTooSmall(needed, targetSize, name);
+        targetSize = needed;
+      }
+      uint64_t at = targetSize - tail;
+      if (::pwrite(ctx.deviceFd, ctx.work, size_t(tail), off_t(at)) == ssize_t(tail)) {
+        restored += tail;
+        suffix = " (including tail)";
+        if (verbose) msg->Trace(1, "Restored 0x%x tail bytes of volume at 0x%" PRIx64 "\n", unsigned(tail), at);
+      } else {
+        std::fprintf(stderr, "failed to restore tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
+      }
     }
   }
   if (growable && ::ftruncate(ctx.deviceFd, off_t(targetSize)) != 0) {
