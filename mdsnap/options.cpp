@@ -147,7 +147,7 @@ std::string LibraryVersionText() {
     const char* text;
     bool included;
   } kComponents[] = {
-      {"NTFSJ support included", false},     {"Mdsnap Ntfs included", false},
+      {"NTFSJ support included", true},      {"Mdsnap Ntfs included", true},
       {"Mdsnap Ext included", true},         {"FAT support included", true},
       {"Mdsnap Fat included", true},         {"BTRFS support included", false},
       {"APFS support included", false},      {"Mdsnap Apfs included", false},

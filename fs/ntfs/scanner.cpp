@@ -1,0 +1,291 @@
+// NTFS scanner: keeps every cluster the driver reads while it walks the
+// volume (boot sector, MFT records, $LogFile restart pages, index blocks)
+// and the runs of the non-resident attributes that carry structure: all of
+// them for the system files 0..15 and the $Extend children, the structural
+// ones (indexes, bitmaps, lists, security, reparse and the like) for every
+// other file, file contents only with -data. $BadClus:$Bad spans the volume
+// and is never kept.
+#include <cinttypes>
+#include <string>
+#include <cstdio>
+#include <vector>
+
+#include "core/scan/session.h"
+#include "core/scan/visited.h"
+#include "fs/driver_memory.h"
+#include "fs/ntfs/ntfs.h"
+#include "fs/scanners.h"
+
+namespace QORV {
+
+namespace {
+
+using namespace ntfs;
+
+// More $Extend entries than this is taken for a damaged $Extend.
+constexpr uint32_t kMaxExtendEntries = 1000;
+// Progress is moved this often, not per record.
+constexpr uint64_t kProgressEvery = 256;
+
+struct Hex {
+  explicit Hex(uint64_t v) { std::snprintf(text, sizeof text, "%" PRIx64, v); }
+  char text[20];
+};
+
+// Run marking: holes are skipped; an extent starting at or beyond the last
+// cluster is skipped and counted; one reaching the last cluster is cut there,
+// marked and counted, also when it ends exactly there.
+class RunMarker : public INtfsRunSink {
+ public:
+  RunMarker(CScanSession& session, uint64_t record, uint32_t type)
+      : session_(session), record_(record), type_(type) {}
+  api::status_t Run(const NtfsRun& r) override {
+    if (r.lcn == NtfsRun::kHole) return api::QORV_OK;
+    const uint64_t count = session_.BlockCount();
+    if (r.lcn >= count) {
+      ++counted_;
+      session_.Problem("NTFS record 0x%" PRIx64 " attribute 0x%x: run at cluster 0x%" PRIx64
+                       " lies beyond the volume's 0x%" PRIx64 " clusters",
+                       record_, type_, r.lcn, count);
+      return api::QORV_OK;
+    }
+    uint64_t n = r.length;
+    if (n >= count - r.lcn) {
+      ++counted_;
+      session_.Problem("NTFS record 0x%" PRIx64 " attribute 0x%x: run at cluster 0x%" PRIx64 " of 0x%" PRIx64
+                       " clusters reaches the end of the volume",
+                       record_, type_, r.lcn, r.length);
+      n = count - r.lcn;
+    }
+    session_.Used().Mark(r.lcn, n);
+    return api::QORV_OK;
+  }
+  uint32_t Counted() const { return counted_; }
+
+ private:
+  CScanSession& session_;
+  uint64_t record_;
+  uint32_t type_;
+  uint32_t counted_ = 0;
+};
+
+class NtfsScan {
+ public:
+  NtfsScan(CScanSession& session, CFileSystemNtfs* fs, bool includeData)
+      : session_(session), msg_(session.Msg()), fs_(fs), data_(includeData), file_(fs), child_(fs), dir_(fs) {}
+
+  api::status_t Run();
+
+ private:
+  class ExtendSink;
+  api::status_t Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec, bool data);
+  api::status_t WalkExtend(uint32_t* counter);
+
+  CScanSession& session_;
+  api::IMessage* msg_;
+  CFileSystemNtfs* fs_;
+  bool data_;
+  CFileNtfs file_;   // the record of the main walk
+  CFileNtfs child_;  // a $Extend child
+  CDirNtfs dir_;     // the $Extend directory being enumerated
+  uint32_t tally_ = 0;
+};
+
+api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec,
+                                bool data) {
+  const Hex hex(r);
+  if (readStatus == api::QORV_OK) readStatus = file.Open(r, rec);
+  if (readStatus != api::QORV_OK) {
+    if (msg_) msg_->Trace(1, "Failed to init record 0x%s.", hex.text);
+    session_.Problem("NTFS record 0x%s cannot be read or fails its fix-up (status 0x%x)", hex.text, readStatus);
+    ++tally_;
+    return readStatus;
+  }
+  // An extension record's attributes are reached through its base record.
+  if (file.BaseReference() != 0) return api::QORV_OK;
+  if (file.HasList()) {
+    api::status_t s = file.LoadList();
+    if (s != api::QORV_OK) {
+      if (msg_) msg_->Trace(1, "Failed to load attribute list for record 0x%s.", hex.text);
+      session_.Problem("NTFS record 0x%s: its attribute list cannot be loaded (status 0x%x)", hex.text, s);
+      ++tally_;
+      return s;
+    }
+  }
+
+  char name[768];
+  bool named = false;
+  NtfsAttr a;
+  api::status_t s;
+  for (s = file.FirstAttr(&a, true); s == api::QORV_OK; s = file.NextAttr(&a)) {
+    if (a.type == kFileName && !named) named = a.DisplayName(name, sizeof name);
+    if (!a.nonResident || a.lowestVcn != 0) continue;
+    if (r == kBadClusRecord && a.type == kData && a.NameIs("$Bad")) continue;
+    if (!data && r >= kFirstUserRecord && (a.type == kData || a.type >= kFirstUserType)) continue;
+    if (named && msg_) msg_->Trace(2, "Include file r=%s, \"%s\", %x.", hex.text, name, a.type);
+    RunMarker marker(session_, r, a.type);
+    NtfsAttrKey key;
+    key.Set(a);
+    api::status_t loaded = file.HasList() ? file.ForEachRun(key, &marker) : file.ForEachRun(a, &marker);
+    if (loaded != api::QORV_OK) {
+      if (msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", a.type, hex.text);
+      session_.Problem("NTFS record 0x%s: the run list of attribute 0x%x cannot be loaded (status 0x%x)", hex.text,
+                       a.type, loaded);
+      ++tally_;
+      return loaded;
+    }
+    tally_ += marker.Counted();
+  }
+  if (s != api::ERR_END_OF_DIR) {
+    // An attribute the list names could not be found, or one runs past the
+    // record; the reason was given where it was found.
+    if (file.HasList() && msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", file.UnresolvedType(), hex.text);
+    ++tally_;
+    return s;
+  }
+  if (file.HasList() && file.ListAttr().nonResident) {
+    RunMarker marker(session_, r, kAttrList);
+    if (file.ForEachRun(file.ListAttr(), &marker) == api::QORV_OK) tally_ += marker.Counted();
+  }
+  return api::QORV_OK;
+}
+
+// Takes the entries of one $Extend directory: each child that names this
+// directory as its parent is included with its data, sub-directories are
+// handed back to be walked.
+class NtfsScan::ExtendSink : public CNTFSEntryNumerator::ISink {
+ public:
+  ExtendSink(NtfsScan* scan, uint64_t dir, uint16_t sequence, uint32_t* counter)
+      : scan_(scan), parent_((uint64_t(sequence) << 48) | dir), counter_(counter) {}
+
+  api::status_t Entry(const NtfsIndexEntry& e) override {
+    if (++*counter_ >= kMaxExtendEntries) {
+      if (scan_->msg_) scan_->msg_->Trace(1, "Too many files in $Extend. May it is broken. Break $Extend enumaration.");
+      return api::ERR_TOO_BIG;
+    }
+    if (e.key.le64(FileName::kParent) != parent_) return api::QORV_OK;
+    const uint64_t child = RecordOf(e.reference);
+    ByteView rec;
+    api::status_t s = scan_->fs_->ReadRecord(child, &rec);
+    s = scan_->Include(scan_->child_, child, s, rec, true);
+    if (s == api::ERR_DEVICE_GONE) return s;
+    if ((e.key.le32(FileName::kFileAttributes) & FileName::kDirectoryIndex) && child != kRootRecord &&
+        e.key.u8(FileName::kNamespace) != FileName::kDosNamespace)
+      subdirs.push_back(child);
+    return api::QORV_OK;
+  }
+
+  std::vector<uint64_t> subdirs;
+
+ private:
+  NtfsScan* scan_;
+  uint64_t parent_;
+  uint32_t* counter_;
+};
+
+// $Extend and its sub-directories, from an explicit stack; a directory is
+// walked once however often it is named.
+api::status_t NtfsScan::WalkExtend(uint32_t* counter) {
+  std::vector<uint64_t> stack{kExtendRecord};
+  CVisitedSet walked(session_.Mem());
+  CNTFSEntryNumerator entries(fs_, session_);
+  while (!stack.empty()) {
+    const uint64_t d = stack.back();
+    stack.pop_back();
+    if (!walked.Insert(d)) continue;
+    CFileNtfs& dir = dir_.File();
+    api::status_t s = dir_.Open(d);
+    if (s != api::QORV_OK) {
+      session_.Problem("NTFS $Extend directory 0x%" PRIx64 " cannot be read (status 0x%x)", d, s);
+      if (d == kExtendRecord || s == api::ERR_DEVICE_GONE) return s;
+      continue;
+    }
+    if (d == kExtendRecord) {
+      char name[32];
+      if (!dir.Name(name, sizeof name) || std::string(name) != "$Extend") {
+        session_.Problem("NTFS record 0xb is not named $Extend");
+        return api::ERR_INCONSISTENT;
+      }
+    }
+    if (!dir.IsDirectory()) continue;
+    ExtendSink sink(this, d, dir.Sequence(), counter);
+    s = entries.Run(dir, &sink);
+    if (s == api::ERR_TOO_BIG || s == api::ERR_DEVICE_GONE) return s;
+    for (auto it = sink.subdirs.rbegin(); it != sink.subdirs.rend(); ++it) stack.push_back(*it);
+  }
+  return api::QORV_OK;
+}
+
+api::status_t NtfsScan::Run() {
+  if (fs_->UsedBackupBoot() && msg_)
+    msg_->Trace(1, "The first NTFS boot sector is unreadable or corrupt. Reading second NTFS boot sector instead.");
+  // The journal check never stops the scan; what it read is kept.
+  fs_->ExamineJournal();
+  QORV_TRY(fs_->LoadMft());
+
+  const uint64_t count = fs_->RecordCount();
+  if (msg_) {
+    msg_->BeginProgress("Scanning NTFS...");
+    msg_->SetTotal(0, &count, nullptr);
+  }
+  uint32_t counter = 0;
+  WalkExtend(&counter);
+  if (msg_) msg_->SetTotal(0, &count, "Added %u files/dirs from $Extend", counter);
+
+  CNtfsMftReader reader(fs_);
+  api::status_t s = api::QORV_OK;
+  for (uint64_t r = 0; r < count; ++r) {
+    if (msg_ && (r % kProgressEvery) == 0) {
+      uint64_t at = r;
+      msg_->SetPosition(&at);
+    }
+    s = session_.Poll();
+    if (s != api::QORV_OK) break;
+    ByteView rec;
+    api::status_t read = reader.Record(r, &rec);
+    if (read == api::ERR_NO_MEMORY) {
+      s = read;
+      break;
+    }
+    if (Include(file_, r, read, rec, data_) == api::ERR_DEVICE_GONE) {
+      s = api::ERR_DEVICE_GONE;
+      break;
+    }
+  }
+  if (msg_) {
+    if (s == api::QORV_OK) msg_->SetPosition(&count);
+    msg_->EndProgress();
+  }
+  return s;
+}
+
+api::status_t ScanWith(CFileSystemNtfs* fs, api::CLibEnv* env, api::IDeviceRWBlock* dev, api::IMessage* msg,
+                       uint32_t scanFlags, uint8_t** bitmap, uint64_t* blockCount, uint32_t* blockShift,
+                       uint32_t* problems) {
+  CScanSession session(env, dev, msg);
+  fs->SetSession(&session);
+  QORV_TRY(fs->Mount(session.Device()));
+  const NtfsGeometry& geo = fs->Geometry();
+  QORV_TRY(session.CreateBitmap(geo.clusterCount, geo.clusterShift));
+  fs->StartReadMarking(&session.Used());
+  NtfsScan scan(session, fs, (scanFlags & api::SCAN_DATA) != 0);
+  api::status_t s = scan.Run();
+  fs->StopReadMarking();
+  s = session.Finish(s, bitmap, blockCount, blockShift, problems);
+  // The caller is told how many reads ran past the last cluster; the rest
+  // was explained under --verbose.
+  if (s == api::QORV_OK && problems) *problems = fs->OutOfRangeReads();
+  return s;
+}
+
+}  // namespace
+
+api::status_t ScanNtfs(QORV_SCANNER_ARGS) {
+  ClearScanOutputs(bitmap, problems);
+  if (!dev) return api::ERR_IO_RANGE;
+  return WithDriver<CFileSystemNtfs>(env, [&](CFileSystemNtfs* fs) {
+    return ScanWith(fs, env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems);
+  });
+}
+
+}  // namespace QORV
