@@ -89,7 +89,10 @@ api::status_t CFileSystemNtfs::DecodeRuns(const NtfsAttr& a, std::vector<NtfsRun
 
 api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
   ByteView v(unit, size);
-  if (!v.Equals(Protected::kMagic, magic_, 4)) return api::ERR_INCONSISTENT;
+  if (!v.Equals(Protected::kMagic, magic_, 4)) {
+    static const uint8_t kZero[8] = {};
+    return v.Equals(0, kZero, sizeof kZero) ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
+  }
   uint32_t usa = v.le16(Protected::kUsaOffset), count = v.le16(Protected::kUsaCount);
   uint32_t strides = size / Protected::kStride;
   if (strides == 0 || count != strides + 1 || (usa & 1) || usa < 8 || !v.Has(usa, size_t(count) * 2))

@@ -41,6 +41,11 @@ class CNtfsRunDecoder {
   bool bad_ = false;
 };
 
+// What the fix-up answers for a unit that was never written (no magic, no
+// update sequence): the MFT holds such records past the last one used, and
+// they are not damage.
+constexpr api::status_t kNtfsBlankUnit = api::ERR_END_OF_DIR;
+
 // The update-sequence fix-up of FILE, INDX and RSTR records: 512-byte
 // strides whose last two bytes must hold the sequence number; they are put
 // back from the array. A wrong magic or a mismatch rejects the unit.

@@ -94,6 +94,7 @@ class NtfsScan {
 api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec,
                                 bool data) {
   const Hex hex(r);
+  if (readStatus == kNtfsBlankUnit) return api::QORV_OK;
   if (readStatus == api::QORV_OK) readStatus = file.Open(r, rec);
   if (readStatus != api::QORV_OK) {
     if (msg_) msg_->Trace(1, "Failed to init record 0x%s.", hex.text);

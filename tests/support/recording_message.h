@@ -14,7 +14,15 @@ class RecordingMessage : public api::IMessage {
  public:
   int BeginProgress(const char*, ...) override { return 0; }
   int EndProgress() override { return 0; }
-  int SetTotal(uint32_t, const uint64_t*, const char*, ...) override { return 0; }
+  // A progress text is recorded as a level-1 line, as the console prints it.
+  int SetTotal(uint32_t, const uint64_t*, const char* format, ...) override {
+    if (!format) return 0;
+    va_list args;
+    va_start(args, format);
+    VTrace(1, format, args);
+    va_end(args);
+    return 1;
+  }
   uint64_t GetTotal() override { return 0; }
   int SetPosition(const uint64_t*) override { return 0; }
   uint64_t GetPosition() override { return 0; }
