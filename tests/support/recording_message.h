@@ -12,9 +12,17 @@ namespace testsupport {
 
 class RecordingMessage : public api::IMessage {
  public:
-  int BeginProgress(const char*, ...) override { return 0; }
+  // A progress title is recorded as a level-0 line, as the console prints it.
+  int BeginProgress(const char* format, ...) override {
+    if (!format) return 0;
+    va_list args;
+    va_start(args, format);
+    VTrace(0, format, args);
+    va_end(args);
+    return 0;
+  }
   int EndProgress() override { return 0; }
-  // A progress text is recorded as a level-1 line, as the console prints it.
+  // So is a progress text, at level 1.
   int SetTotal(uint32_t, const uint64_t*, const char* format, ...) override {
     if (!format) return 0;
     va_list args;

@@ -1,0 +1,508 @@
+// NTFS scanner against real volumes: the pre-built populated mkntfs volume
+// in tests/data (see make_ntfs_small.sh for what it holds), the
+// Windows-made samples, and damaged copies of the pre-built volume. What is
+// kept is judged against the cluster lists sleuthkit's istat prints.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fs/ntfs/ntfs.h"
+#include "fs/scanners.h"
+#include "tests/support/cli.h"
+#include "tests/support/file_device.h"
+#include "tests/support/recording_message.h"
+#include "tests/support/scan_result.h"
+#include "tests/support/test_env.h"
+
+namespace {
+
+using testsupport::MemDevice;
+using testsupport::RecordingMessage;
+using testsupport::ScanResult;
+using testsupport::TempDir;
+
+// Records of the pre-built volume (fls lists them).
+constexpr uint64_t kMarker = 64;      // /marker.bin: 16 clusters of data
+constexpr uint64_t kBigDir = 66;      // /x/$Extend: 1000 entries
+constexpr uint64_t kLinked = 1070;    // /links/target: a non-resident attribute list
+constexpr uint32_t kRecord = 1024;
+constexpr uint32_t kCluster = 4096;
+constexpr uint64_t kClusters = 4095;  // 32767 sectors
+
+ScanResult Scan(api::IDeviceRWBlock* dev, api::IMessage* msg = nullptr, uint32_t flags = 0, bool verbose = false) {
+  if (!verbose) return testsupport::RunScanner(QORV::ScanNtfs, dev, msg, flags);
+  // RunScanner's environment is not verbose; the same steps with one that is.
+  testsupport::TestEnv t;
+  t.env.verbose = true;
+  ScanResult r;
+  uint8_t* bitmap = nullptr;
+  r.status = QORV::ScanNtfs(&t.env, dev, msg, flags, &bitmap, &r.n, &r.k, &r.problems);
+  r.bitmapNull = bitmap == nullptr;
+  if (bitmap) {
+    r.bits.assign(bitmap, bitmap + (r.n + 7) / 8);
+    t.mem.Free(bitmap);
+  }
+  EXPECT_EQ(t.mem.allocations, t.mem.frees);
+  return r;
+}
+
+uint64_t Le(const std::vector<uint8_t>& b, size_t at, int n) {
+  uint64_t v = 0;
+  for (int i = n; i-- > 0;) v = (v << 8) | b[at + i];
+  return v;
+}
+void PutLe(std::vector<uint8_t>& b, size_t at, uint64_t v, int n) {
+  for (int i = 0; i < n; ++i) b[at + i] = uint8_t(v >> (8 * i));
+}
+
+bool HasLine(const RecordingMessage& m, const std::string& part) {
+  for (const auto& l : m.lines)
+    if (l.find(part) != std::string::npos) return true;
+  return false;
+}
+
+// The pre-built volume, decompressed once.
+const std::vector<uint8_t>& Small() {
+  static std::vector<uint8_t> bytes;
+  if (bytes.empty()) {
+    TempDir dir;
+    std::string path = dir / "small.img";
+    std::string src = std::string(MDSNAP_SOURCE_DIR) + "/tests/data/ntfs_small.img.zst";
+    if (std::system(("zstd -q -d -f -o '" + path + "' '" + src + "'").c_str()) == 0) {
+      std::string s = testsupport::ReadFile(path);
+      bytes.assign(s.begin(), s.end());
+    }
+  }
+  return bytes;
+}
+
+// A copy of the pre-built volume, with helpers to damage it the way a
+// failing disk or a hostile image would.
+struct Copy {
+  std::vector<uint8_t> img = Small();
+
+  size_t MftAt() const { return size_t(Le(img, 48, 8)) * kCluster; }
+  size_t MirrAt() const { return size_t(Le(img, 56, 8)) * kCluster; }
+  // The pre-built volume's MFT is one run.
+  size_t RecordAt(uint64_t r) const { return MftAt() + size_t(r) * kRecord; }
+
+  // Edits record bytes as they read after the fix-up, then protects the
+  // record again, so it still passes the fix-up.
+  void EditProtected(size_t at, uint32_t size, const std::function<void(std::vector<uint8_t>&)>& edit) {
+    std::vector<uint8_t> rec(img.begin() + long(at), img.begin() + long(at + size));
+    size_t usa = Le(rec, 4, 2);
+    for (uint32_t i = 0; i < size / 512; ++i) {
+      rec[(i + 1) * 512 - 2] = rec[usa + 2 + i * 2];
+      rec[(i + 1) * 512 - 1] = rec[usa + 3 + i * 2];
+    }
+    edit(rec);
+    for (uint32_t i = 0; i < size / 512; ++i) {
+      rec[usa + 2 + i * 2] = rec[(i + 1) * 512 - 2];
+      rec[usa + 3 + i * 2] = rec[(i + 1) * 512 - 1];
+      rec[(i + 1) * 512 - 2] = rec[usa];
+      rec[(i + 1) * 512 - 1] = rec[usa + 1];
+    }
+    std::copy(rec.begin(), rec.end(), img.begin() + long(at));
+  }
+  void EditRecord(uint64_t r, const std::function<void(std::vector<uint8_t>&)>& edit) {
+    EditProtected(RecordAt(r), kRecord, edit);
+  }
+};
+
+// Offset of the first attribute of `type` in a fixed-up record.
+size_t AttrIn(const std::vector<uint8_t>& rec, uint32_t type) {
+  for (size_t at = Le(rec, 0x14, 2); at + 8 <= rec.size();) {
+    uint32_t t = uint32_t(Le(rec, at, 4));
+    if (t == type) return at;
+    if (t == 0xFFFFFFFF || Le(rec, at + 4, 4) == 0) break;
+    at += Le(rec, at + 4, 4);
+  }
+  ADD_FAILURE() << "no attribute 0x" << std::hex << type;
+  return 0;
+}
+// Offset of the mapping pairs of the first non-resident attribute of `type`.
+size_t PairsIn(const std::vector<uint8_t>& rec, uint32_t type) {
+  size_t a = AttrIn(rec, type);
+  return a + Le(rec, a + 0x20, 2);
+}
+
+// Cluster lists of one record's attributes as istat prints them, by the
+// attribute's type name and its type-id pair, e.g. "$DATA (128-1)".
+std::map<std::string, std::vector<uint64_t>> Istat(const std::string& image, uint64_t record) {
+  std::map<std::string, std::vector<uint64_t>> out;
+  TempDir dir;
+  auto r = testsupport::Sh(dir, "istat '" + image + "' " + std::to_string(record));
+  std::istringstream in(r.out);
+  std::string line, current;
+  while (std::getline(in, line)) {
+    if (line.rfind("Type: ", 0) == 0) {
+      current = line.find("Non-Resident") != std::string::npos ? line.substr(6, line.find(')') - 5) : "";
+      continue;
+    }
+    if (current.empty() || line.empty() || !std::isdigit(uint8_t(line[0]))) {
+      if (!line.empty() && !std::isdigit(uint8_t(line[0]))) current.clear();
+      continue;
+    }
+    std::istringstream nums(line);
+    uint64_t c;
+    while (nums >> c)
+      if (c) out[current].push_back(c);  // istat prints a hole as 0
+  }
+  return out;
+}
+
+// Every cluster of every non-resident attribute of `record` whose istat
+// label starts with `prefix` is kept (or none is, when !kept).
+void ExpectKept(const ScanResult& r, const std::string& image, uint64_t record, const std::string& prefix, bool kept) {
+  size_t seen = 0;
+  for (const auto& [label, clusters] : Istat(image, record)) {
+    if (label.rfind(prefix, 0) != 0) continue;
+    for (uint64_t c : clusters) {
+      ++seen;
+      EXPECT_EQ(r.Test(c), kept) << image << " record " << record << " " << label << " cluster " << c;
+    }
+  }
+  EXPECT_GT(seen, 0u) << image << " record " << record << " has no clusters under " << prefix;
+}
+
+bool NeedSmall() { return !Small().empty(); }
+
+}  // namespace
+
+TEST(NtfsScanner, KeepsEveryStructureOfRealVolumesAndNoContentsWithoutData) {
+  ASSERT_TRUE(NeedSmall()) << "tests/data/ntfs_small.img.zst cannot be unpacked (zstd missing?)";
+  if (!testsupport::HaveTool("istat")) GTEST_SKIP() << "sleuthkit's istat is not installed";
+  TempDir dir;
+  std::string image = dir / "small.img";
+  testsupport::WriteFile(image, std::string(Small().begin(), Small().end()));
+  testsupport::FileDevice dev(image);
+  RecordingMessage msg;
+  ScanResult plain = Scan(&dev, &msg);
+  ASSERT_EQ(plain.status, 0u);
+  EXPECT_EQ(plain.n, kClusters);
+  EXPECT_EQ(plain.k, 12u);
+  EXPECT_EQ(plain.problems, 0u);
+  EXPECT_TRUE(msg.Has(0, "Scanning NTFS..."));
+  EXPECT_TRUE(msg.Has(1, "Added 3 files/dirs from $Extend"));
+  EXPECT_TRUE(HasLine(msg, "2:Include file r=42, \"$Extend\", a0."));
+  for (uint64_t system : {0, 1, 2, 6, 7, 10}) ExpectKept(plain, image, system, "$", true);
+  ExpectKept(plain, image, 9, "$DATA", true);  // $Secure:$SDS
+  ExpectKept(plain, image, 5, "$INDEX_ALLOCATION", true);
+  ExpectKept(plain, image, kBigDir, "$INDEX_ALLOCATION", true);
+  ExpectKept(plain, image, kLinked, "$ATTRIBUTE_LIST", true);
+  ExpectKept(plain, image, kLinked, "$SECURITY_DESCRIPTOR", true);
+  ExpectKept(plain, image, kMarker, "$DATA", false);
+  EXPECT_TRUE(plain.Test(0));  // the boot sector, through $Boot
+
+  ScanResult data = Scan(&dev, nullptr, api::SCAN_DATA);
+  ASSERT_EQ(data.status, 0u);
+  ExpectKept(data, image, kMarker, "$DATA", true);
+  EXPECT_EQ(data.CountSet(), plain.CountSet() + 16);
+
+  // Windows-made samples: 512-byte to 4 KiB clusters, 2 KiB-cluster index.
+  for (const char* name : {"ntfs/ntfs_win10_2k_cluster_index.img.zst", "ntfs/ntfs_winxp_dftt_jpeg_512.img.zst",
+                           "ntfs/ntfs_winxp_dftt_undelete_1k.img.zst", "ntfs/ntfs_winxp_ru_10m.img.zst"}) {
+    std::string sample = testsupport::Fixture(dir, name);
+    if (sample.empty()) {
+      std::printf("sample %s is not available; skipped\n", name);
+      continue;
+    }
+    testsupport::FileDevice fdev(sample);
+    RecordingMessage m;
+    ScanResult r = Scan(&fdev, &m);
+    ASSERT_EQ(r.status, 0u) << name;
+    EXPECT_EQ(r.problems, 0u) << name;
+    EXPECT_FALSE(HasLine(m, "Failed")) << name;
+    for (uint64_t system : {0, 1, 2, 6, 7}) ExpectKept(r, sample, system, "$DATA", true);
+    std::remove(sample.c_str());
+  }
+}
+
+TEST(NtfsScanner, BootSectorFallBackOemNameAndClusterCountLimit) {
+  ASSERT_TRUE(NeedSmall());
+  {
+    // A destroyed sector 0: the backup at the device's last 512 bytes serves.
+    Copy c;
+    std::memset(c.img.data(), 0, 512);
+    MemDevice dev(c.img);
+    RecordingMessage msg;
+    ScanResult r = Scan(&dev, &msg);
+    EXPECT_EQ(r.status, 0u);
+    EXPECT_TRUE(msg.Has(1, "The first NTFS boot sector is unreadable or corrupt. Reading second NTFS boot sector "
+                           "instead."));
+    // Without the backup nothing is NTFS.
+    std::memset(c.img.data() + c.img.size() - 512, 0, 512);
+    MemDevice none(c.img);
+    EXPECT_EQ(Scan(&none).status, api::ERR_NOT_RECOGNIZED);
+  }
+  {
+    Copy c;
+    std::memcpy(c.img.data() + 3, "BC", 2);
+    MemDevice dev(c.img);
+    RecordingMessage msg;
+    EXPECT_EQ(Scan(&dev, &msg).status, 0u);
+    EXPECT_FALSE(HasLine(msg, "second NTFS boot sector"));
+  }
+  {
+    // 2^41 sectors of 512 bytes in 4 KiB clusters: 2^38 clusters.
+    Copy c;
+    PutLe(c.img, 40, uint64_t(1) << 41, 8);
+    MemDevice dev(c.img);
+    ScanResult r = Scan(&dev);
+    EXPECT_EQ(r.status, api::ERR_IO_RANGE);
+    EXPECT_TRUE(r.bitmapNull);
+  }
+  {
+    // An unreadable sector 0 is not a reason to look at the backup.
+    class FirstSectorUnreadable : public MemDevice {
+     public:
+      using MemDevice::MemDevice;
+      api::status_t ReadBytes(uint64_t off, void* buf, uint32_t n, uint32_t flags) override {
+        return off == 0 ? api::ERR_SHORT_IO : MemDevice::ReadBytes(off, buf, n, flags);
+      }
+    } dev(Small());
+    EXPECT_EQ(Scan(&dev).status, api::ERR_SHORT_IO);
+  }
+}
+
+TEST(NtfsScanner, UnusableMftStopsTheScanUnlessItsMirrorServes) {
+  ASSERT_TRUE(NeedSmall());
+  auto compressData = [](std::vector<uint8_t>& rec) { PutLe(rec, AttrIn(rec, 0x80) + 0x0C, 0x0001, 2); };
+  auto hugeBitmap = [](std::vector<uint8_t>& rec) { PutLe(rec, AttrIn(rec, 0xB0) + 0x28, 0x20000000, 8); };
+  auto sparseData = [](std::vector<uint8_t>& rec) { PutLe(rec, AttrIn(rec, 0x80) + 0x0C, 0x8000, 2); };
+  void (*edits[])(std::vector<uint8_t>&) = {compressData, hugeBitmap, sparseData};
+  for (auto edit : edits) {
+    Copy c;
+    c.EditRecord(0, edit);
+    MemDevice onlyMft(c.img);
+    EXPECT_EQ(Scan(&onlyMft).status, 0u) << "record 0 of $MFTMirr is intact";
+    c.EditProtected(c.MirrAt(), kRecord, edit);
+    MemDevice both(c.img);
+    ScanResult r = Scan(&both);
+    EXPECT_EQ(r.status, api::ERR_INCONSISTENT);
+    EXPECT_TRUE(r.bitmapNull);
+  }
+  {
+    // Billions of records claimed: only what the MFT's runs hold is walked.
+    Copy c;
+    c.EditRecord(0, [](std::vector<uint8_t>& rec) {
+      size_t a = AttrIn(rec, 0x80);
+      PutLe(rec, a + 0x30, uint64_t(1) << 45, 8);
+      PutLe(rec, a + 0x38, uint64_t(1) << 45, 8);
+    });
+    MemDevice dev(c.img);
+    RecordingMessage msg;
+    ScanResult r = Scan(&dev, &msg, 0, true);
+    EXPECT_EQ(r.status, 0u);
+    EXPECT_TRUE(HasLine(msg, "$MFT: 0x800000000 records claimed, its runs inside the volume hold 0x43c"));
+  }
+}
+
+TEST(NtfsScanner, ExtendWalkStopsAtAThousandEntriesAndTheScanGoesOn) {
+  ASSERT_TRUE(NeedSmall());
+  // Record 11 replaced by the 1000-entry directory that is also named $Extend.
+  Copy c;
+  std::memcpy(c.img.data() + c.RecordAt(11), c.img.data() + c.RecordAt(kBigDir), kRecord);
+  MemDevice dev(c.img);
+  RecordingMessage msg;
+  ScanResult r = Scan(&dev, &msg);
+  EXPECT_EQ(r.status, 0u);
+  EXPECT_TRUE(msg.Has(1, "Too many files in $Extend. May it is broken. Break $Extend enumaration."));
+  EXPECT_TRUE(msg.Has(1, "Added 1000 files/dirs from $Extend"));
+}
+
+TEST(NtfsScanner, RunMarkingCountsExtentsReachingTheEndButHandsBackOutOfRangeReads) {
+  ASSERT_TRUE(NeedSmall());
+  const size_t pairs = PairsIn([] {
+    Copy c;
+    size_t at = c.RecordAt(kMarker);
+    std::vector<uint8_t> rec(c.img.begin() + long(at), c.img.begin() + long(at + kRecord));
+    return rec;
+  }(), 0x80);
+  // Replaces the marker's run list, growing its $DATA (the record's last
+  // attribute) to hold it.
+  auto withRun = [&](std::vector<uint8_t> run) {
+    Copy c;
+    c.EditRecord(kMarker, [&](std::vector<uint8_t>& rec) {
+      size_t a = AttrIn(rec, 0x80), length = (pairs - a + run.size() + 7) & ~size_t(7);
+      ASSERT_EQ(Le(rec, a + Le(rec, a + 4, 4), 4), 0xFFFFFFFFu);
+      std::fill(rec.begin() + long(pairs), rec.begin() + long(a + length), 0);
+      std::copy(run.begin(), run.end(), rec.begin() + long(pairs));
+      PutLe(rec, a + 4, length, 4);
+      PutLe(rec, a + length, 0xFFFFFFFF, 4);
+      PutLe(rec, 0x18, a + length + 8, 4);
+    });
+    return c;
+  };
+  {
+    // 16 clusters ending exactly at the last cluster: all marked, and counted.
+    Copy c = withRun({0x21, 0x10, uint8_t(kClusters - 16), uint8_t((kClusters - 16) >> 8), 0});
+    MemDevice dev(c.img);
+    RecordingMessage msg;
+    ScanResult r = Scan(&dev, &msg, api::SCAN_DATA, true);
+    ASSERT_EQ(r.status, 0u);
+    for (uint64_t k = kClusters - 16; k < kClusters; ++k) EXPECT_TRUE(r.Test(k)) << k;
+    EXPECT_TRUE(HasLine(msg, "NTFS record 0x40 attribute 0x80: run at cluster 0xfef of 0x10 clusters reaches the end"));
+    EXPECT_EQ(r.problems, 0u) << "the problem count is the reads past the last cluster";
+  }
+  {
+    // A run beyond the volume is skipped; a negative cluster is no run list.
+    Copy beyond = withRun({0x31, 0x10, 0x00, 0x00, 0x10, 0});
+    MemDevice dev(beyond.img);
+    RecordingMessage msg;
+    EXPECT_EQ(Scan(&dev, &msg, api::SCAN_DATA, true).status, 0u);
+    EXPECT_TRUE(HasLine(msg, "run at cluster 0x100000 lies beyond the volume's 0xfff clusters"));
+
+    Copy negative = withRun({0x11, 0x10, 0xF0, 0});
+    MemDevice ndev(negative.img);
+    RecordingMessage nmsg;
+    EXPECT_EQ(Scan(&ndev, &nmsg, api::SCAN_DATA).status, 0u);
+    EXPECT_TRUE(nmsg.Has(1, "Failed to init attribute 80 in file 0x40."));
+
+    // Two deltas whose sum overflows 64 bits.
+    Copy overflow = withRun({0x81, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F,
+                             0x81, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0});
+    MemDevice odev(overflow.img);
+    RecordingMessage omsg;
+    EXPECT_EQ(Scan(&odev, &omsg, api::SCAN_DATA).status, 0u);
+    EXPECT_TRUE(omsg.Has(1, "Failed to init attribute 80 in file 0x40."));
+  }
+  {
+    // The read marking itself: a read ending past the last cluster marks nothing and is counted.
+    std::vector<uint8_t> bits(1);
+    QORV::BlockBitmap bm(bits.data(), 4);
+    MemDevice lower(std::vector<uint8_t>(5 * kCluster));
+    QORV::CNtfsMarkingDevice dev(&lower);
+    dev.Attach(&bm, 12, 4);
+    uint8_t buf[512];
+    EXPECT_EQ(dev.ReadBytes(3 * kCluster + 512, buf, 512, 0), 0u);
+    EXPECT_EQ(dev.ReadBytes(4 * kCluster, buf, 512, 0), 0u);
+    EXPECT_EQ(bits[0], 0x8);
+    EXPECT_EQ(dev.OutOfRange(), 1u);
+  }
+}
+
+TEST(NtfsScanner, DamagedRecordsAndIndexesAreCountedNeverFollowedForever) {
+  ASSERT_TRUE(NeedSmall());
+  uint64_t indexFirst = 0;
+  {
+    Copy c;
+    MemDevice dev(c.img);
+    ScanResult r = Scan(&dev);
+    ASSERT_EQ(r.status, 0u);
+    std::vector<uint8_t> rec(c.img.begin() + long(c.RecordAt(kBigDir)), c.img.begin() + long(c.RecordAt(kBigDir) + kRecord));
+    size_t pairs = PairsIn(rec, 0xA0);
+    ASSERT_EQ(rec[pairs] & 0xF, 1);
+    indexFirst = Le(rec, pairs + 2, rec[pairs] >> 4);
+    ASSERT_TRUE(r.Test(indexFirst));
+  }
+  {
+    // A record whose fix-up fails is reported and its index is not kept;
+    // a record that says it extends another one keeps nothing of its own.
+    for (bool extension : {false, true}) {
+      Copy c;
+      if (extension)
+        c.EditRecord(kBigDir, [](std::vector<uint8_t>& rec) { PutLe(rec, 0x20, 5, 8); });
+      else
+        c.img[c.RecordAt(kBigDir) + 510] ^= 0xFF;
+      MemDevice dev(c.img);
+      RecordingMessage msg;
+      ScanResult r = Scan(&dev, &msg);
+      EXPECT_EQ(r.status, 0u);
+      EXPECT_FALSE(r.Test(indexFirst));
+      EXPECT_EQ(msg.Has(1, "Failed to init record 0x42."), !extension);
+    }
+  }
+  {
+    // An attribute whose length runs past the record.
+    Copy c;
+    c.EditRecord(kLinked, [](std::vector<uint8_t>& rec) { PutLe(rec, AttrIn(rec, 0x10) + 4, 0x10000, 4); });
+    MemDevice dev(c.img);
+    RecordingMessage msg;
+    EXPECT_EQ(Scan(&dev, &msg, 0, true).status, 0u);
+    EXPECT_TRUE(HasLine(msg, "record 0x42e: an attribute's length or offsets run past the record"));
+  }
+  {
+    // An attribute list whose entries all point back into the base record at
+    // attributes that are not there, or at another file's record.
+    for (uint64_t target : {kLinked, kMarker}) {
+      Copy c;
+      std::vector<uint8_t> rec(c.img.begin() + long(c.RecordAt(kLinked)), c.img.begin() + long(c.RecordAt(kLinked) + kRecord));
+      size_t pairs = PairsIn(rec, 0x20);
+      size_t list = size_t(Le(rec, pairs + 2, rec[pairs] >> 4)) * kCluster;
+      for (size_t at = list; Le(c.img, at, 4) != 0 && at < list + 1408; at += Le(c.img, at + 4, 2)) {
+        PutLe(c.img, at + 0x10, target, 6);
+        PutLe(c.img, at + 0x18, 0x77, 2);
+      }
+      MemDevice dev(c.img);
+      RecordingMessage msg;
+      EXPECT_EQ(Scan(&dev, &msg, 0, true).status, 0u);
+      EXPECT_TRUE(msg.Has(1, "Failed to init attribute 10 in file 0x42e.")) << target;
+    }
+  }
+  {
+    // An index whose first sub-node lists itself as its own child: a cycle
+    // the $Extend walk meets and survives.
+    Copy c;
+    std::memcpy(c.img.data() + c.RecordAt(11), c.img.data() + c.RecordAt(kBigDir), kRecord);
+    std::vector<uint8_t> root(c.img.begin() + long(c.RecordAt(11)), c.img.begin() + long(c.RecordAt(11) + kRecord));
+    size_t ir = AttrIn(root, 0x90);
+    size_t header = ir + Le(root, ir + 0x14, 2) + 0x10;
+    size_t entry = header + Le(root, header, 4);
+    ASSERT_TRUE(Le(root, entry + 12, 2) & 1) << "the root's first entry has a sub-node";
+    uint64_t vcn = Le(root, entry + Le(root, entry + 8, 2) - 8, 8);
+    size_t block = size_t(indexFirst + vcn) * kCluster;
+    c.EditProtected(block, 4096, [&](std::vector<uint8_t>& b) {
+      size_t h = 0x18, e = h + Le(b, h, 4), end = h + Le(b, h + 4, 4);
+      while (!(Le(b, e + 12, 2) & 2)) e += Le(b, e + 8, 2);
+      if (Le(b, e + 12, 2) & 1) {
+        PutLe(b, e + Le(b, e + 8, 2) - 8, vcn, 8);
+        return;
+      }
+      ASSERT_EQ(e + 16, end);
+      PutLe(b, e + 8, 24, 2);
+      PutLe(b, e + 12, 3, 2);
+      PutLe(b, e + 16, vcn, 8);
+      PutLe(b, h + 4, Le(b, h + 4, 4) + 8, 4);
+    });
+    MemDevice dev(c.img);
+    RecordingMessage msg;
+    EXPECT_EQ(Scan(&dev, &msg, 0, true).status, 0u);
+    EXPECT_TRUE(HasLine(msg, "index sub-node VCN 0x" + [&] {
+      char t[20];
+      std::snprintf(t, sizeof t, "%llx", (unsigned long long)vcn);
+      return std::string(t);
+    }() + " is reached twice (a cycle)"));
+  }
+}
+
+TEST(NtfsScanner, StopRequestAndVanishedDeviceDiscardTheBitmap) {
+  ASSERT_TRUE(NeedSmall());
+  MemDevice dev(Small());
+  RecordingMessage msg;
+  msg.stop = 1;
+  ScanResult stopped = Scan(&dev, &msg);
+  EXPECT_EQ(stopped.status, api::ERR_TOO_BIG);
+  EXPECT_TRUE(stopped.bitmapNull);
+
+  // Gone from the first large read of the MFT on.
+  class Vanishing : public MemDevice {
+   public:
+    using MemDevice::MemDevice;
+    api::status_t ReadBytes(uint64_t off, void* buf, uint32_t n, uint32_t flags) override {
+      gone = gone || n >= 65536;
+      return gone ? api::ERR_DEVICE_GONE : MemDevice::ReadBytes(off, buf, n, flags);
+    }
+    bool gone = false;
+  } gone(Small());
+  ScanResult r = Scan(&gone);
+  EXPECT_EQ(r.status, api::ERR_DEVICE_GONE);
+  EXPECT_TRUE(r.bitmapNull);
+}
