@@ -311,6 +311,9 @@ api::status_t CNTFSEntryNumerator::Run(CFileNtfs& dir, ISink* sink) {
   allocBytes_ = 0;
   const NtfsGeometry& g = fs_->Geometry();
   vcnShift_ = g.indexSize >= g.clusterSize ? g.clusterShift : 9;
+  // Without its list a large directory's index may be out of sight; the
+  // reason is given where the list failed.
+  if (dir.LoadList() == api::ERR_DEVICE_GONE) return api::ERR_DEVICE_GONE;
   NtfsAttr a;
   api::status_t s = dir.Find(kIndexRoot, "$I30", &a);
   if (s != api::QORV_OK || a.nonResident || a.value.Size() < IndexRoot::kHeader + IndexHeader::kSize) {

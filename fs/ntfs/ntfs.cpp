@@ -294,7 +294,6 @@ api::status_t CFileSystemNtfs::TakeGeometry(const ByteView& boot) {
 api::status_t CFileSystemNtfs::Mount(api::IDeviceRWBlock* dev) {
   device_.SetLower(dev);
   backupBoot_ = false;
-  dev->GetSectorSize();
   const uint64_t length = dev->GetSize();
   uint8_t boot[Boot::kSize];
   QORV_TRY(device_.ReadBytes(0, boot, sizeof boot, 0));
@@ -370,13 +369,18 @@ uint64_t CFileSystemNtfs::RecordRunBytes(uint64_t r) const {
   return run;
 }
 
-api::status_t CFileSystemNtfs::CheckRecord(uint64_t offset, uint8_t* rec) {
-  QORV_TRY(fileFixup_.Check(offset, rec, geo_.recordSize));
-  ByteView v(rec, geo_.recordSize);
+// The header fields every later parse relies on: where the attributes
+// start and how many bytes are in use, inside the record.
+static api::status_t CheckRecordHeader(const ByteView& v) {
   uint32_t attrs = v.le16(Record::kAttrOffset), inUse = v.le32(Record::kBytesInUse);
-  if (attrs < Record::kMinHeader - 8 || (attrs & 7) || inUse > geo_.recordSize || attrs >= inUse)
+  if (attrs < Record::kMinAttrOffset || (attrs & 7) || inUse > v.Size() || attrs >= inUse)
     return api::ERR_INCONSISTENT;
   return api::QORV_OK;
+}
+
+api::status_t CFileSystemNtfs::CheckRecord(uint64_t offset, uint8_t* rec) {
+  QORV_TRY(fileFixup_.Check(offset, rec, geo_.recordSize));
+  return CheckRecordHeader(ByteView(rec, geo_.recordSize));
 }
 
 api::status_t CFileSystemNtfs::ReadRecord(uint64_t r, ByteView* out) {
@@ -388,10 +392,7 @@ api::status_t CFileSystemNtfs::ReadRecord(uint64_t r, ByteView* out) {
     ByteView v;
     QORV_TRY(records_.Read(at, &v));
     // The cache ran the fix-up; the header checks come on top.
-    ByteView h = v;
-    uint32_t attrs = h.le16(Record::kAttrOffset), inUse = h.le32(Record::kBytesInUse);
-    if (attrs < Record::kMinHeader - 8 || (attrs & 7) || inUse > geo_.recordSize || attrs >= inUse)
-      return api::ERR_INCONSISTENT;
+    QORV_TRY(CheckRecordHeader(v));
     *out = v;
     return api::QORV_OK;
   }
@@ -523,6 +524,9 @@ void CFileSystemNtfs::ExamineJournal() {
     return;
   }
   if (LoadMft() != api::QORV_OK && LoadMftFrom(geo_.mftMirrCluster) != api::QORV_OK) mftLoaded_ = false;
+  // A log that was reset and never written since holds no restart page.
+  static const uint8_t kUnwritten[4] = {0xFF, 0xFF, 0xFF, 0xFF};
+  if (std::memcmp(unit_, kUnwritten, sizeof kUnwritten) == 0) return;
 
   // Both restart pages: the first at 0, the second one system page on.
   // Pages larger than the work buffer are looked at in their first part.
@@ -583,8 +587,7 @@ api::status_t CNtfsMftReader::Record(uint64_t r, ByteView* out) {
   if (single_) return fs_->ReadRecord(r, out);
   const uint32_t size = fs_->Geometry().recordSize;
   uint8_t* rec = piece_ + size_t(r - first_) * size;
-  bool contiguous;
-  QORV_TRY(fs_->CheckRecord(fs_->RecordOffset(r, &contiguous), rec));
+  QORV_TRY(fs_->CheckRecord(0, rec));
   *out = ByteView(rec, size);
   return api::QORV_OK;
 }

@@ -347,6 +347,7 @@ class CFileSystemNtfs : public api::base_noncopyable {
   // Loads $MFT's run list and the MFT-record bitmap's; ERR_INCONSISTENT
   // when $MFT is unusable.
   api::status_t LoadMft();
+  bool MftLoaded() const { return mftLoaded_; }
   uint64_t RecordCount() const { return recordCount_; }
   uint64_t AllocatedRecordCount() const { return allocatedCount_; }
 

@@ -38,7 +38,7 @@ struct Record {
   static constexpr size_t kBytesInUse = 0x18;    // 32 bits
   static constexpr size_t kBytesAllocated = 0x1C;
   static constexpr size_t kBaseRef = 0x20;       // 64 bits
-  static constexpr size_t kMinHeader = 0x30;
+  static constexpr size_t kMinAttrOffset = 0x28;  // the oldest header ends there
   static constexpr uint16_t kInUse = 0x01;
   static constexpr uint16_t kDirectory = 0x02;
 };

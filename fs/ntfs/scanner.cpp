@@ -222,7 +222,15 @@ api::status_t NtfsScan::Run() {
     msg_->Trace(1, "The first NTFS boot sector is unreadable or corrupt. Reading second NTFS boot sector instead.");
   // The journal check never stops the scan; what it read is kept.
   fs_->ExamineJournal();
-  QORV_TRY(fs_->LoadMft());
+  // The journal check loaded $MFT already unless the log is of the other kind
+  // or neither copy of record 0 would do.
+  if (!fs_->MftLoaded()) {
+    api::status_t s = fs_->LoadMft();
+    if (s != api::QORV_OK) {
+      if (msg_) msg_->Trace(1, "Failed to load $MFT.");
+      return s;
+    }
+  }
 
   const uint64_t count = fs_->RecordCount();
   if (msg_) {

@@ -285,8 +285,10 @@ TEST(NtfsScanner, UnusableMftStopsTheScanUnlessItsMirrorServes) {
     EXPECT_EQ(Scan(&onlyMft).status, 0u) << "record 0 of $MFTMirr is intact";
     c.EditProtected(c.MirrAt(), kRecord, edit);
     MemDevice both(c.img);
-    ScanResult r = Scan(&both);
+    RecordingMessage msg;
+    ScanResult r = Scan(&both, &msg);
     EXPECT_EQ(r.status, api::ERR_INCONSISTENT);
+    EXPECT_TRUE(msg.Has(1, "Failed to load $MFT."));
     EXPECT_TRUE(r.bitmapNull);
   }
   {
@@ -387,6 +389,24 @@ TEST(NtfsScanner, RunMarkingCountsExtentsReachingTheEndButHandsBackOutOfRangeRea
     EXPECT_EQ(bits[0], 0x8);
     EXPECT_EQ(dev.OutOfRange(), 1u);
   }
+}
+
+TEST(NtfsScanner, BadClusterStreamIsNeverKept) {
+  ASSERT_TRUE(NeedSmall());
+  // $BadClus:$Bad given a real run over the marker's clusters, where a
+  // system file's stream would otherwise be kept.
+  Copy c;
+  c.EditRecord(8, [](std::vector<uint8_t>& rec) {
+    size_t a = Le(rec, 0x14, 2);
+    while (!(Le(rec, a, 4) == 0x80 && rec[a + 9] == 4)) a += Le(rec, a + 4, 4);
+    size_t pairs = a + Le(rec, a + 0x20, 2);
+    const uint8_t run[] = {0x21, 0x10, 0x00, 0x0A, 0x00};
+    std::copy(run, run + sizeof run, rec.begin() + long(pairs));
+  });
+  MemDevice dev(c.img);
+  ScanResult r = Scan(&dev);
+  ASSERT_EQ(r.status, 0u);
+  for (uint64_t k = 0xA00; k < 0xA10; ++k) EXPECT_FALSE(r.Test(k)) << k;
 }
 
 TEST(NtfsScanner, DamagedRecordsAndIndexesAreCountedNeverFollowedForever) {
