@@ -526,3 +526,21 @@ TEST(NtfsScanner, StopRequestAndVanishedDeviceDiscardTheBitmap) {
   EXPECT_EQ(r.status, api::ERR_DEVICE_GONE);
   EXPECT_TRUE(r.bitmapNull);
 }
+
+TEST(NtfsScanner, DumpAndRestoreKeepTheListingAndPassTheChecker) {
+  ASSERT_TRUE(NeedSmall());
+  if (!testsupport::HaveTool("fls") || !testsupport::HaveTool("ntfsfix"))
+    GTEST_SKIP() << "sleuthkit's fls or ntfs-3g's ntfsfix is not installed";
+  TempDir dir;
+  testsupport::WriteFile(dir / "vol.img", std::string(Small().begin(), Small().end()));
+  auto dump = testsupport::Sh(dir, "MDSNAP --dump --nopercents -f:img.mds vol.img");
+  ASSERT_EQ(dump.status, 0) << dump.err;
+  EXPECT_NE(dump.out.find("Scanning NTFS...\n"), std::string::npos);
+  EXPECT_NE(dump.out.find("Recognized as NTFS.\n"), std::string::npos);
+  ASSERT_EQ(testsupport::Sh(dir, "MDSNAP --restore -c --nopercents -f:img.mds copy.img").status, 0);
+  EXPECT_LT(testsupport::FileSize(dir / "img.mds"), Small().size() / 3);
+  EXPECT_EQ(testsupport::Sh(dir, "ntfsfix -n copy.img").status, 0);
+  auto before = testsupport::Sh(dir, "fls -r -p -l vol.img"), after = testsupport::Sh(dir, "fls -r -p -l copy.img");
+  EXPECT_GT(before.out.size(), 1000u);
+  EXPECT_EQ(before.out, after.out);
+}
