@@ -163,7 +163,8 @@ api::status_t CFileNtfs::Step(NtfsAttr* out) {
     // The list never lists itself; following it would loop.
     if (type == kAttrList) continue;
     if (firstOnly_ && list.le64(at + ListEntry::kLowestVcn) != 0) continue;
-    ByteView name = list.Sub(at + list.u8(at + ListEntry::kNameOffset), size_t(list.u8(at + ListEntry::kNameLength)) * 2);
+    ByteView name =
+        list.Sub(at + list.u8(at + ListEntry::kNameOffset), size_t(list.u8(at + ListEntry::kNameLength)) * 2);
     if (list.u8(at + ListEntry::kNameLength) && !name.Data()) {
       unresolved_ = type;
       return api::ERR_INCONSISTENT;
@@ -270,7 +271,8 @@ api::status_t CFileNtfs::Extents(const NtfsAttrKey& key, INtfsRunSink* sink, boo
     uint32_t length = list.le16(at + ListEntry::kLength);
     if (length < ListEntry::kMinLength || !list.Has(at, length)) return api::ERR_INCONSISTENT;
     uint32_t type = list.le32(at + ListEntry::kType);
-    ByteView name = list.Sub(at + list.u8(at + ListEntry::kNameOffset), size_t(list.u8(at + ListEntry::kNameLength)) * 2);
+    ByteView name =
+        list.Sub(at + list.u8(at + ListEntry::kNameOffset), size_t(list.u8(at + ListEntry::kNameLength)) * 2);
     size_t entry = at;
     at += length;
     if (type == kAttrList || !key.Matches(type, name)) continue;
@@ -360,8 +362,9 @@ api::status_t CNTFSEntryNumerator::Visit(const WalkNode& node, CTreeWalk& walk) 
     s = fs_->ReadIndexBlockAt(alloc_, pos, block_.data());
   }
   if (s != api::QORV_OK) {
-    session_.Problem("NTFS directory 0x%llx: index block at VCN 0x%llx cannot be read or fails its fix-up (status 0x%x)",
-                     (unsigned long long)dirRecord_, (unsigned long long)vcn, s);
+    session_.Problem(
+        "NTFS directory 0x%llx: index block at VCN 0x%llx cannot be read or fails its fix-up (status 0x%x)",
+        (unsigned long long)dirRecord_, (unsigned long long)vcn, s);
     return s == api::ERR_DEVICE_GONE ? s : api::QORV_OK;
   }
   ByteView v(block_.data(), size);

@@ -272,8 +272,7 @@ api::status_t CFileSystemNtfs::TakeGeometry(const ByteView& boot) {
   geo_.clusterShift = uint32_t(Log2Exact(cluster));
   uint64_t record = DecodeSize(int8_t(boot.u8(Boot::kClustersPerRecord)), cluster);
   uint64_t index = DecodeSize(int8_t(boot.u8(Boot::kClustersPerIndex)), cluster);
-  if (record < 512 || record > kMaxRecordSize || index < 512 || index > kMaxRecordSize)
-    return api::ERR_NOT_RECOGNIZED;
+  if (record < 512 || record > kMaxRecordSize || index < 512 || index > kMaxRecordSize) return api::ERR_NOT_RECOGNIZED;
   geo_.recordSize = uint32_t(record);
   geo_.recordShift = uint32_t(Log2Exact(record));
   geo_.clustersPerRecord = record > cluster ? uint32_t(record / cluster) : 1;
@@ -373,8 +372,7 @@ uint64_t CFileSystemNtfs::RecordRunBytes(uint64_t r) const {
 // start and how many bytes are in use, inside the record.
 static api::status_t CheckRecordHeader(const ByteView& v) {
   uint32_t attrs = v.le16(Record::kAttrOffset), inUse = v.le32(Record::kBytesInUse);
-  if (attrs < Record::kMinAttrOffset || (attrs & 7) || inUse > v.Size() || attrs >= inUse)
-    return api::ERR_INCONSISTENT;
+  if (attrs < Record::kMinAttrOffset || (attrs & 7) || inUse > v.Size() || attrs >= inUse) return api::ERR_INCONSISTENT;
   return api::QORV_OK;
 }
 
@@ -484,8 +482,7 @@ api::status_t CFileSystemNtfs::LoadMftFrom(uint64_t cluster) {
   // The count can never exceed what the runs hold inside the volume.
   uint64_t clusters = 0;
   for (const NtfsRun& r : mftRuns_)
-    if (r.lcn != NtfsRun::kHole && r.lcn < geo_.clusterCount)
-      clusters += std::min(r.length, geo_.clusterCount - r.lcn);
+    if (r.lcn != NtfsRun::kHole && r.lcn < geo_.clusterCount) clusters += std::min(r.length, geo_.clusterCount - r.lcn);
   const uint64_t holdable = (clusters << geo_.clusterShift) >> geo_.recordShift;
   recordCount_ = std::min(initialized >> geo_.recordShift, holdable);
   allocatedCount_ = std::min(allocated >> geo_.recordShift, holdable);
@@ -573,8 +570,8 @@ api::status_t CNtfsMftReader::Fill(uint64_t r) {
     return api::QORV_OK;
   }
   // As far as the run, the piece and the record count allow.
-  uint64_t n = std::min<uint64_t>({kPieceBytes >> g.recordShift, fs_->RecordCount() - r,
-                                   fs_->RecordRunBytes(r) >> g.recordShift});
+  uint64_t n = std::min<uint64_t>(
+      {kPieceBytes >> g.recordShift, fs_->RecordCount() - r, fs_->RecordRunBytes(r) >> g.recordShift});
   if (n == 0) n = 1;
   count_ = n;
   if (n > 1 && fs_->Read(at, piece_, uint32_t(n << g.recordShift)) == api::QORV_OK) single_ = false;

@@ -306,9 +306,9 @@ class CNtfsMftReader : public api::base_noncopyable {
 
   CFileSystemNtfs* fs_;
   uint8_t* piece_ = nullptr;
-  uint64_t first_ = 0;  // first record in the piece
-  uint64_t count_ = 0;  // records in the piece
-  bool single_ = false; // the piece failed: records are read one by one
+  uint64_t first_ = 0;   // first record in the piece
+  uint64_t count_ = 0;   // records in the piece
+  bool single_ = false;  // the piece failed: records are read one by one
 };
 
 class CFileSystemNtfs : public api::base_noncopyable {
@@ -373,7 +373,6 @@ class CFileSystemNtfs : public api::base_noncopyable {
   api::status_t ReadIndexBlock(uint64_t offset, ByteView* out);
   // An INDX block in pieces (its runs are not contiguous), into `buf`.
   api::status_t ReadIndexBlockAt(const std::vector<NtfsRun>& runs, uint64_t pos, uint8_t* buf);
-  CNtfsFixup& IndexFixup() { return indexFixup_; }
 
   // Decodes an attribute's runs, refusing more than `maxRuns`.
   static api::status_t DecodeRuns(const NtfsAttr& a, std::vector<NtfsRun>* out, size_t maxRuns);

@@ -9,9 +9,9 @@ namespace ntfs {
 
 // Boot sector (the first 512 bytes of the volume, backup at its last 512).
 struct Boot {
-  static constexpr size_t kOemName = 3;            // 8 bytes: "NTFS    "
-  static constexpr size_t kBytesPerSectorLow = 11;  // must be 0
-  static constexpr size_t kBytesPerSectorHigh = 12; // x 256
+  static constexpr size_t kOemName = 3;              // 8 bytes: "NTFS    "
+  static constexpr size_t kBytesPerSectorLow = 11;   // must be 0
+  static constexpr size_t kBytesPerSectorHigh = 12;  // x 256
   static constexpr size_t kSectorsPerCluster = 13;
   static constexpr size_t kTotalSectors = 40;       // 64 bits
   static constexpr size_t kMftCluster = 48;         // 64 bits
@@ -32,12 +32,12 @@ struct Protected {
 
 // MFT record header.
 struct Record {
-  static constexpr size_t kSequence = 0x10;      // 16 bits
-  static constexpr size_t kAttrOffset = 0x14;    // 16 bits
-  static constexpr size_t kFlags = 0x16;         // 16 bits
-  static constexpr size_t kBytesInUse = 0x18;    // 32 bits
+  static constexpr size_t kSequence = 0x10;    // 16 bits
+  static constexpr size_t kAttrOffset = 0x14;  // 16 bits
+  static constexpr size_t kFlags = 0x16;       // 16 bits
+  static constexpr size_t kBytesInUse = 0x18;  // 32 bits
   static constexpr size_t kBytesAllocated = 0x1C;
-  static constexpr size_t kBaseRef = 0x20;       // 64 bits
+  static constexpr size_t kBaseRef = 0x20;        // 64 bits
   static constexpr size_t kMinAttrOffset = 0x28;  // the oldest header ends there
   static constexpr uint16_t kInUse = 0x01;
   static constexpr uint16_t kDirectory = 0x02;
@@ -55,7 +55,7 @@ struct Attr {
   static constexpr size_t kValueLength = 0x10;  // resident, 32 bits
   static constexpr size_t kValueOffset = 0x14;  // resident, 16 bits
   static constexpr size_t kResidentHeader = 0x18;
-  static constexpr size_t kLowestVcn = 0x10;    // non-resident, 64 bits
+  static constexpr size_t kLowestVcn = 0x10;  // non-resident, 64 bits
   static constexpr size_t kHighestVcn = 0x18;
   static constexpr size_t kPairsOffset = 0x20;  // 16 bits
   static constexpr size_t kAllocatedSize = 0x28;
@@ -83,7 +83,7 @@ struct ListEntry {
   static constexpr size_t kNameOffset = 0x07;  // 8 bits
   static constexpr size_t kLowestVcn = 0x08;
   static constexpr size_t kReference = 0x10;
-  static constexpr size_t kId = 0x18;          // 16 bits
+  static constexpr size_t kId = 0x18;  // 16 bits
   static constexpr size_t kMinLength = 0x1A;
 };
 
@@ -128,8 +128,8 @@ struct IndexEntry {
 struct Restart {
   static constexpr size_t kSystemPageSize = 0x10;  // 32 bits
   static constexpr size_t kLogPageSize = 0x14;
-  static constexpr size_t kAreaOffset = 0x18;      // 16 bits
-  static constexpr size_t kAreaFlags = 0x0E;       // 16 bits, inside the restart area
+  static constexpr size_t kAreaOffset = 0x18;  // 16 bits
+  static constexpr size_t kAreaFlags = 0x0E;   // 16 bits, inside the restart area
   static constexpr uint16_t kClean = 0x2;
   static constexpr uint32_t kFirstPage = 4096;
 };

@@ -6,8 +6,8 @@
 // other file, file contents only with -data. $BadClus:$Bad spans the volume
 // and is never kept.
 #include <cinttypes>
-#include <string>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "core/scan/session.h"
@@ -37,8 +37,7 @@ struct Hex {
 // marked and counted, also when it ends exactly there.
 class RunMarker : public INtfsRunSink {
  public:
-  RunMarker(CScanSession& session, uint64_t record, uint32_t type)
-      : session_(session), record_(record), type_(type) {}
+  RunMarker(CScanSession& session, uint64_t record, uint32_t type) : session_(session), record_(record), type_(type) {}
   api::status_t Run(const NtfsRun& r) override {
     if (r.lcn == NtfsRun::kHole) return api::QORV_OK;
     const uint64_t count = session_.BlockCount();
@@ -91,8 +90,7 @@ class NtfsScan {
   uint32_t tally_ = 0;
 };
 
-api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec,
-                                bool data) {
+api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec, bool data) {
   const Hex hex(r);
   if (readStatus == kNtfsBlankUnit) return api::QORV_OK;
   if (readStatus == api::QORV_OK) readStatus = file.Open(r, rec);
@@ -140,7 +138,8 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
   if (s != api::ERR_END_OF_DIR) {
     // An attribute the list names could not be found, or one runs past the
     // record; the reason was given where it was found.
-    if (file.HasList() && msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", file.UnresolvedType(), hex.text);
+    if (file.HasList() && msg_)
+      msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", file.UnresolvedType(), hex.text);
     ++tally_;
     return s;
   }

