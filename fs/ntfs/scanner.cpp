@@ -121,7 +121,9 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
     if (!a.nonResident || a.lowestVcn != 0) continue;
     if (r == kBadClusRecord && a.type == kData && a.NameIs("$Bad")) continue;
     if (!data && r >= kFirstUserRecord && (a.type == kData || a.type >= kFirstUserType)) continue;
-    if (named && msg_) msg_->Trace(2, "Include file r=%s, \"%s\", %x.", hex.text, name, a.type);
+    // A verbose trace: on a volume of many files it would flood a log.
+    if (named && msg_ && session_.Env()->verbose)
+      msg_->Trace(2, "Include file r=%s, \"%s\", %x.", hex.text, name, a.type);
     RunMarker marker(session_, r, a.type);
     NtfsAttrKey key;
     key.Set(a);
