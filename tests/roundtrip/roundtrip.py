@@ -149,6 +149,9 @@ def run_group(ctx, group):
     if group == "negative":
         import negative
         return negative.run(ctx)
+    if group == "corpus":
+        import corpus
+        return corpus.run(ctx)
     vols = recipes.volumes_for(ctx, group)
     failures = []
     skipped = 0
@@ -177,11 +180,13 @@ def main():
     ap.add_argument("--cache", required=True)
     ap.add_argument("--fixtures", required=True)
     ap.add_argument("--data", required=True)
+    ap.add_argument("--corpus", help="damaged volumes from other projects (default: beside --fixtures)")
     ap.add_argument("--keep", action="store_true", help="keep images and restored files")
     ap.add_argument("--build-data", action="store_true", help="re-make the pre-built volumes of --data")
     ap.add_argument("group", nargs="?", default="")
     ctx = ap.parse_args()
     ctx.cache = os.path.abspath(ctx.cache)
+    ctx.corpus = ctx.corpus or os.path.join(os.path.dirname(os.path.abspath(ctx.fixtures)), "corpus")
     ctx.work = os.path.join(ctx.cache, "work", ctx.group)
     os.makedirs(ctx.work, exist_ok=True)
     try:
