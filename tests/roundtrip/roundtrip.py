@@ -30,8 +30,11 @@ def summary(name, vol_size, img_size, verdict, listing, blocks):
 
 
 def sha256(path):
-    """Digest of the file's data segments and where they lie: holes read as
-    zeros, so a sparse multi-TiB volume is hashed by what it holds."""
+    """Digest of every non-zero 1 MiB chunk and its offset. Only the parts
+    the file system reports as data are read (holes read as zeros), so a
+    sparse multi-TiB volume is hashed by what it holds, however its extents
+    happen to be laid out at the moment."""
+    chunk_size = 1 << 20
     h = hashlib.sha256()
     with open(path, "rb") as f:
         size = os.fstat(f.fileno()).st_size
@@ -42,16 +45,17 @@ def sha256(path):
                 end = os.lseek(f.fileno(), start, os.SEEK_HOLE)
             except OSError:   # no data after pos
                 break
-            h.update(b"@%d" % start)
-            f.seek(start)
-            left = end - start
-            while left:
-                chunk = f.read(min(left, 1 << 22))
+            off = max(pos, start - start % chunk_size)
+            while off < end:
+                f.seek(off)
+                chunk = f.read(chunk_size - off % chunk_size)
                 if not chunk:
                     break
-                h.update(chunk)
-                left -= len(chunk)
-            pos = end
+                if chunk.count(0) != len(chunk):
+                    h.update(b"@%d" % off)
+                    h.update(chunk)
+                off += len(chunk)
+            pos = off
         h.update(b"#%d" % size)
     return h.hexdigest()
 
