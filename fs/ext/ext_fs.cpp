@@ -306,14 +306,12 @@ status_t CExtFsFileSystem::VisitMap(const CExtFsInode& inode, CExtMapVisitor* v,
     QORV_TRY(direct.Add(i, b));
   }
   QORV_TRY(direct.Flush());
-  uint64_t per = sb_.BlockSize() / 4, logical = 12;
-  for (uint32_t level = 0; level < 3; ++level) {
+  const uint64_t per = sb_.BlockSize() / 4;
+  const uint64_t first[3] = {12, 12 + per, 12 + per + per * per};
+  for (uint32_t level = 3; level-- > 0;) {
     uint32_t b = ib.le32((12 + level) * 4);
     if (b && !InVolume(b, 1)) v->Problem("indirect block past the volume's end", b);
-    else if (b) walk.Add(b, (uint64_t(level) << kLevelShift) | logical);
-    uint64_t span = per;
-    for (uint32_t d = 0; d < level; ++d) span *= per;
-    logical += span;
+    else if (b) walk.Add(b, (uint64_t(level) << kLevelShift) | first[level]);
   }
   return walk.Run(walker);
 }
@@ -330,7 +328,9 @@ status_t CExtFsFileSystem::VisitExtentNode(uint64_t block, ByteView node, uint32
     v->Problem(bad, block);
     return api::QORV_OK;
   }
-  for (uint32_t i = 0; i < entries; ++i) {
+  // Index entries are queued last first, so the walk reads them in order.
+  for (uint32_t k = 0; k < entries; ++k) {
+    const uint32_t i = depth ? entries - 1 - k : k;
     ByteView e = node.Sub(ext::kHeaderBytes + size_t(i) * ext::kEntryBytes, ext::kEntryBytes);
     if (depth == 0) {
       uint32_t len = e.le16(ext::kLeafLen);
@@ -359,7 +359,9 @@ status_t CExtFsFileSystem::VisitIndirect(ByteView ind, uint32_t level, uint64_t 
   uint64_t span = 1;
   for (uint32_t d = 0; d < level; ++d) span *= per;
   RunBuilder run(v, true);
-  for (uint32_t i = 0; i < per; ++i) {
+  // Children are queued last first, so the walk reads them in ascending order.
+  for (uint32_t k = 0; k < per; ++k) {
+    const uint32_t i = level ? per - 1 - k : k;
     uint32_t b = ind.le32(i * 4);
     if (!b) continue;  // a hole; later entries may still be in use
     if (b >= sb_.BlockCount()) {
