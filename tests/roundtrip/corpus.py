@@ -67,6 +67,8 @@ def one(ctx, src, work):
         return "FAIL", "the volume changed during the dump", 0
     if r.timed_out:
         return "FAIL", "dump hung (no exit within %ds)" % DUMP_TIMEOUT, 0
+    if "Sanitizer" in r.out or "runtime error:" in r.out:
+        return "FAIL", "sanitizer report\n%s" % util.tail_lines(r.out), 0
     if r.returncode < 0:
         return "FAIL", "dump killed by signal %d\n%s" % (-r.returncode, util.tail_lines(r.out)), 0
     if r.returncode != 0:
