@@ -106,7 +106,6 @@ status_t CExtSuperBlock::Parse(ByteView r) {
   journalInum = r.le32(sbf::kJournalInum);
   lastOrphan = r.le32(sbf::kLastOrphan);
   freeInodes = r.le32(sbf::kFreeInodes);
-  firstIno = r.le32(sbf::kFirstIno);
   mmpBlock = r.le64(sbf::kMmpBlock);
   usrQuotaInum = r.le32(sbf::kUsrQuotaInum);
   grpQuotaInum = r.le32(sbf::kGrpQuotaInum);

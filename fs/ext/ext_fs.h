@@ -72,7 +72,7 @@ class CExtSuperBlock : public CUnixSuperBlock {
   uint32_t inodesCount = 0, blocksCountLo = 0, firstDataBlock = 0, logBlockSize = 0, logClusterSize = 0;
   uint32_t blocksPerGroup = 0, inodesPerGroup = 0, inodeSize = 0, revLevel = 0, creatorOs = 0;
   uint32_t compat = 0, incompat = 0, roCompat = 0, reservedGdtBlocks = 0, descSize = 32, firstMetaBg = 0;
-  uint32_t logGroupsPerFlex = 0, journalInum = 0, lastOrphan = 0, freeInodes = 0, firstIno = 11;
+  uint32_t logGroupsPerFlex = 0, journalInum = 0, lastOrphan = 0, freeInodes = 0;
   uint32_t usrQuotaInum = 0, grpQuotaInum = 0, prjQuotaInum = 0, orphanFileInum = 0;
   uint32_t backupBgs[2] = {0, 0};
   uint64_t mmpBlock = 0;

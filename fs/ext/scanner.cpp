@@ -21,6 +21,9 @@ namespace {
 using api::status_t;
 
 constexpr uint32_t kRootInode = 2;
+// Inodes below this are the reserved ones marked with their data up front
+// (a damaged s_first_ino must not hide ordinary inodes from the pass).
+constexpr uint32_t kFirstOrdinaryInode = 11;
 constexpr uint32_t kDirChunk = 256 << 10;
 constexpr uint32_t kProgressEvery = 4096;  // inodes between percent updates
 
@@ -284,7 +287,7 @@ status_t CExtScan::PassOverInodes() {
         }
         if (!named) continue;
       }
-      if (ino < sb_.firstIno && ino != kRootInode) continue;  // reserved: marked with their data already
+      if (ino < kFirstOrdinaryInode && ino != kRootInode) continue;  // reserved: marked with their data already
       QORV_TRY(session_.Poll());
       if ((ino % kProgressEvery) == 0) session_.SetPosition(progress_ + ino);
       if (fs_.ReadInodeSequential(ino, &inode_) != api::QORV_OK) {
