@@ -15,7 +15,7 @@ namespace ExtFS2 {
 namespace sbf {
 constexpr size_t kInodesCount = 0x0, kBlocksCountLo = 0x4, kFreeInodes = 0x10, kFirstDataBlock = 0x14;
 constexpr size_t kLogBlockSize = 0x18, kLogClusterSize = 0x1C, kBlocksPerGroup = 0x20, kInodesPerGroup = 0x28;
-constexpr size_t kMagic = 0x38, kCreatorOs = 0x48, kRevLevel = 0x4C, kFirstIno = 0x54, kInodeSize = 0x58;
+constexpr size_t kMagic = 0x38, kCreatorOs = 0x48, kRevLevel = 0x4C, kInodeSize = 0x58;
 constexpr size_t kFeatureCompat = 0x5C, kFeatureIncompat = 0x60, kFeatureRoCompat = 0x64;
 constexpr size_t kReservedGdtBlocks = 0xCE, kJournalInum = 0xE0, kLastOrphan = 0xE8, kDescSize = 0xFE;
 constexpr size_t kFirstMetaBg = 0x104, kBlocksCountHi = 0x150, kMmpBlock = 0x168, kLogGroupsPerFlex = 0x174;
