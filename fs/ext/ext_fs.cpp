@@ -7,8 +7,16 @@ using api::status_t;
 
 namespace {
 
-constexpr uint32_t kExtentMagic = 0xF30A;
-constexpr uint32_t kMaxExtentDepth = 5;
+// Directory entry fields.
+namespace def {
+constexpr size_t kInode = 0x0, kRecLen = 0x4, kNameLen = 0x6, kFileType = 0x7, kName = 0x8;
+}
+
+// What a queued mapping block is: an extent node (with the depth it must
+// have) or an indirect block (with its level and first logical block).
+constexpr uint64_t kExtentNode = 1ull << 63;
+constexpr uint32_t kLevelShift = 56;
+constexpr uint64_t kLogicalMask = (1ull << kLevelShift) - 1;
 
 // Collects consecutive blocks into runs so a visitor sees few large runs.
 class RunBuilder {
@@ -48,24 +56,24 @@ bool IsPowerOf(uint32_t g, uint32_t base) {
 status_t CExtSuperBlock::Parse(ByteView r) {
   const status_t no = api::ERR_NOT_RECOGNIZED;
   if (!r.Has(0, 1024)) return no;
-  compat = r.le32(0x5C);
-  incompat = r.le32(0x60);
-  roCompat = r.le32(0x64);
+  compat = r.le32(sbf::kFeatureCompat);
+  incompat = r.le32(sbf::kFeatureIncompat);
+  roCompat = r.le32(sbf::kFeatureRoCompat);
   readOnlyOnly = (roCompat & 0xF78) || (incompat & 0xC2C0);
-  if (r.le16(0x38) != 0xEF53) return no;
-  revLevel = r.le32(0x4C);
-  creatorOs = r.le32(0x48);
-  logBlockSize = r.le32(0x18);
-  inodeSize = r.le16(0x58);
-  inodesPerGroup = r.le32(0x28);
+  if (r.le16(sbf::kMagic) != 0xEF53) return no;
+  revLevel = r.le32(sbf::kRevLevel);
+  creatorOs = r.le32(sbf::kCreatorOs);
+  logBlockSize = r.le32(sbf::kLogBlockSize);
+  inodeSize = r.le16(sbf::kInodeSize);
+  inodesPerGroup = r.le32(sbf::kInodesPerGroup);
   if (revLevel != 1 || creatorOs != 0 || logBlockSize > 6 || inodeSize < 128 || inodesPerGroup == 0) return no;
   if (incompat & ~kIncompatKnown) {
     mountInfo = (incompat & 0xC5C31) | 0x100000;
     return no;
   }
-  blocksCountLo = r.le32(0x4);
+  blocksCountLo = r.le32(sbf::kBlocksCountLo);
   uint64_t blocks = blocksCountLo;
-  if (incompat & kIncompat64Bit) blocks |= uint64_t(r.le32(0x150)) << 32;
+  if (incompat & kIncompat64Bit) blocks |= uint64_t(r.le32(sbf::kBlocksCountHi)) << 32;
   if (blocks >> 32) return no;
   if (roCompat & kRoCompatBigalloc) {
     mountInfo = 0x900000;
@@ -77,34 +85,34 @@ status_t CExtSuperBlock::Parse(ByteView r) {
   if (inodeSize > blockSize_) return no;
   uint64_t tableBlocks = (uint64_t(inodesPerGroup) * inodeSize - 1 + blockSize_) / blockSize_;
   if (tableBlocks > 0x10000 - blockSize_ / inodeSize) return no;
-  blocksPerGroup = r.le32(0x20);
-  logClusterSize = r.le32(0x1C);
+  blocksPerGroup = r.le32(sbf::kBlocksPerGroup);
+  logClusterSize = r.le32(sbf::kLogClusterSize);
   if (logClusterSize > 16) return no;
   uint64_t maxPerGroup = ((1024ull << logClusterSize) / blockSize_) * 65528;
   if (blocksPerGroup == 0 || blocksPerGroup > maxPerGroup) return no;
-  descSize = (incompat & kIncompat64Bit) ? r.le16(0xFE) : 32;
+  descSize = (incompat & kIncompat64Bit) ? r.le16(sbf::kDescSize) : 32;
   if (descSize < 32 || descSize > blockSize_) return no;
-  firstDataBlock = r.le32(0x14);
+  firstDataBlock = r.le32(sbf::kFirstDataBlock);
   if (firstDataBlock >= blocks) return no;
   if (blocksPerGroup % 8 || inodesPerGroup % 8) return api::ERR_INCONSISTENT;
-  inodesCount = r.le32(0x0);
+  inodesCount = r.le32(sbf::kInodesCount);
   uint64_t groups = (blocks - firstDataBlock + blocksPerGroup - 1) / blocksPerGroup;
   if (groups * inodesPerGroup != inodesCount) return no;
   groupCount = uint32_t(groups);
   descBlocks = uint32_t((groups * descSize + blockSize_ - 1) / blockSize_);
-  reservedGdtBlocks = r.le16(0xCE);
-  firstMetaBg = r.le32(0x104);
-  logGroupsPerFlex = r.u8(0x174);
-  journalInum = r.le32(0xE0);
-  lastOrphan = r.le32(0xE8);
-  freeInodes = r.le32(0x10);
-  mmpBlock = r.le64(0x168);
-  usrQuotaInum = r.le32(0x240);
-  grpQuotaInum = r.le32(0x244);
-  backupBgs[0] = r.le32(0x24C);
-  backupBgs[1] = r.le32(0x250);
-  prjQuotaInum = r.le32(0x26C);
-  orphanFileInum = r.le32(0x280);
+  reservedGdtBlocks = r.le16(sbf::kReservedGdtBlocks);
+  firstMetaBg = r.le32(sbf::kFirstMetaBg);
+  logGroupsPerFlex = r.u8(sbf::kLogGroupsPerFlex);
+  journalInum = r.le32(sbf::kJournalInum);
+  lastOrphan = r.le32(sbf::kLastOrphan);
+  freeInodes = r.le32(sbf::kFreeInodes);
+  mmpBlock = r.le64(sbf::kMmpBlock);
+  usrQuotaInum = r.le32(sbf::kUsrQuotaInum);
+  grpQuotaInum = r.le32(sbf::kGrpQuotaInum);
+  backupBgs[0] = r.le32(sbf::kBackupBgs);
+  backupBgs[1] = r.le32(sbf::kBackupBgs + 4);
+  prjQuotaInum = r.le32(sbf::kPrjQuotaInum);
+  orphanFileInum = r.le32(sbf::kOrphanFileInum);
   return api::QORV_OK;
 }
 
@@ -128,18 +136,16 @@ void CExtFsInode::Load(uint64_t number, ByteView raw) {
   for (uint32_t i = 0; i < rawSize_; ++i) raw_[i] = raw.u8(i);
   ByteView r(raw_, rawSize_);
   number_ = number;
-  mode_ = r.le16(0x0);
-  size_ = r.le32(0x4) | (uint64_t(r.le32(0x6C)) << 32);
-  links_ = r.le16(0x1A);
-  flags_ = r.le32(0x20);
-  fileAcl_ = r.le32(0x68) | (uint64_t(r.le16(0x76)) << 32);
-  sectors_ = r.le32(0x1C) | (uint64_t(r.le16(0x74)) << 32);
+  mode_ = r.le16(inf::kMode);
+  size_ = r.le32(inf::kSizeLo) | (uint64_t(r.le32(inf::kSizeHigh)) << 32);
+  links_ = r.le16(inf::kLinksCount);
+  flags_ = r.le32(inf::kFlags);
+  fileAcl_ = r.le32(inf::kFileAclLo) | (uint64_t(r.le16(inf::kFileAclHi)) << 32);
+  sectors_ = r.le32(inf::kBlocksLo) | (uint64_t(r.le16(inf::kBlocksHi)) << 32);
 }
 
 bool CExtFsInode::IsFastSymlink(uint32_t blockSize) const {
-  if (Kind() != UnixKind::Link || HasInlineData()) return false;
-  uint64_t eaSectors = fileAcl_ ? blockSize / 512 : 0;
-  return sectors_ <= eaSectors;
+  return Kind() == UnixKind::Link && !HasInlineData() && !ClaimsBlocks(blockSize);
 }
 
 void CExtFsEntryNumerator::Reset(ByteView area, bool hasFiletype, uint32_t blockSize) {
@@ -153,7 +159,7 @@ void CExtFsEntryNumerator::Reset(ByteView area, bool hasFiletype, uint32_t block
 status_t CExtFsEntryNumerator::Next(CUnixDirEntry* e) {
   while (area_.Has(off_, 8)) {
     size_t cur = off_;
-    uint32_t rec = area_.le16(cur + 4);
+    uint32_t rec = area_.le16(cur + def::kRecLen);
     if (rec == 65535 || (rec == 0 && blockSize_ == 65536)) rec = 65536;
     size_t blockEnd = (cur / blockSize_ + 1) * blockSize_;
     if (rec < 8 || rec % 4 || cur + rec > blockEnd || !area_.Has(cur, rec)) {
@@ -163,17 +169,17 @@ status_t CExtFsEntryNumerator::Next(CUnixDirEntry* e) {
       continue;
     }
     off_ = cur + rec;
-    uint32_t ino = area_.le32(cur);
-    uint32_t nameLength = area_.u8(cur + 6);
-    if (!filetype_) nameLength |= uint32_t(area_.u8(cur + 7)) << 8;
-    if (ino == 0 || nameLength == 0 || 8 + nameLength > rec) continue;
+    uint32_t ino = area_.le32(cur + def::kInode);
+    uint32_t nameLength = area_.u8(cur + def::kNameLen);
+    if (!filetype_) nameLength |= uint32_t(area_.u8(cur + def::kFileType)) << 8;
+    if (ino == 0 || nameLength == 0 || def::kName + nameLength > rec) continue;
     e->inode = ino;
-    e->name = area_.Data() + cur + 8;
+    e->name = area_.Data() + cur + def::kName;
     e->nameLength = nameLength;
     e->kindKnown = false;
     e->kind = UnixKind::Other;
     if (filetype_) {
-      uint8_t t = area_.u8(cur + 7);
+      uint8_t t = area_.u8(cur + def::kFileType);
       e->kindKnown = t >= 1 && t <= 7;
       e->kind = t == 1 ? UnixKind::File : t == 2 ? UnixKind::Dir : t == 7 ? UnixKind::Link : UnixKind::Other;
     }
@@ -197,14 +203,23 @@ status_t CExtFsFileSystem::Mount() {
   QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes));
   for (uint32_t i = 0; i < kSlots; ++i) slots_[i].data = cache_.Data() + i * kSlotBytes;
   seq_.data = cache_.Data() + kSlots * kSlotBytes;
-  return nodes_.Allocate(Mem(), (kMaxExtentDepth + 1) * sb_.BlockSize());
+  return node_.Allocate(Mem(), sb_.BlockSize());
 }
 
-uint64_t CExtFsFileSystem::DescField(uint32_t g, uint32_t lo, uint32_t hi) const {
+uint64_t CExtFsFileSystem::DescField(uint32_t g, size_t lo, size_t hi) const {
   ByteView d = desc_.View().Sub(size_t(g) * sb_.descSize, sb_.descSize);
   uint64_t v = d.le32(lo);
   if ((sb_.incompat & kIncompat64Bit) && sb_.descSize >= 64) v |= uint64_t(d.le32(hi)) << 32;
   return v;
+}
+
+uint32_t CExtFsFileSystem::InodesInUseOf(uint32_t g) const {
+  if (!(sb_.roCompat & (kRoCompatGdtCsum | kRoCompatMetadataCsum))) return sb_.inodesPerGroup;
+  ByteView d = desc_.View().Sub(size_t(g) * sb_.descSize, sb_.descSize);
+  if (d.le16(gdf::kFlags) & gdf::kInodeUninit) return 0;
+  uint32_t unused = d.le16(gdf::kItableUnusedLo);
+  if ((sb_.incompat & kIncompat64Bit) && sb_.descSize >= 64) unused |= uint32_t(d.le16(gdf::kItableUnusedHi)) << 16;
+  return unused < sb_.inodesPerGroup ? sb_.inodesPerGroup - unused : 0;
 }
 
 status_t CExtFsFileSystem::ReadInode(uint64_t number, CExtFsInode* out) {
@@ -248,95 +263,112 @@ status_t CExtFsFileSystem::ReadVia(Window* w, uint32_t windowBytes, uint64_t num
   return api::QORV_OK;
 }
 
-status_t CExtFsFileSystem::VisitMap(const CExtFsInode& inode, CExtMapVisitor* v) {
+// Reads each queued mapping block once and hands it to the extent or
+// indirect visitor, which queues the blocks below it.
+class CExtFsFileSystem::MapWalker : public ITreeVisitor {
+ public:
+  MapWalker(CExtFsFileSystem& fs, CExtMapVisitor* v) : fs_(fs), v_(v) {}
+  status_t Visit(const WalkNode& node, CTreeWalk& walk) override {
+    v_->Node(node.address);
+    uint8_t* buf = fs_.node_.Data();
+    if (fs_.ReadBlocks(node.address, 1, buf) != api::QORV_OK) {
+      v_->Problem("mapping block unreadable", node.address);
+      return api::QORV_OK;
+    }
+    ByteView b(buf, fs_.sb_.BlockSize());
+    if (node.aux & kExtentNode)
+      return fs_.VisitExtentNode(node.address, b, uint32_t(node.aux & 0xFFFF), v_, walk);
+    return fs_.VisitIndirect(b, uint32_t((node.aux & ~kExtentNode) >> kLevelShift), node.aux & kLogicalMask, v_, walk);
+  }
+
+ private:
+  CExtFsFileSystem& fs_;
+  CExtMapVisitor* v_;
+};
+
+status_t CExtFsFileSystem::VisitMap(const CExtFsInode& inode, CExtMapVisitor* v, CTreeWalk& walk) {
   if (inode.HasInlineData() || inode.IsFastSymlink(sb_.BlockSize())) return api::QORV_OK;
   ByteView ib = inode.IBlock();
-  if (inode.HasExtents()) return VisitExtentNode(ib, UINT32_MAX, 4, v);
+  MapWalker walker(*this, v);
+  if (inode.HasExtents()) {
+    QORV_TRY(VisitExtentNode(0, ib, UINT32_MAX, v, walk));
+    return walk.Run(walker);
+  }
   RunBuilder direct(v, false);
   for (uint32_t i = 0; i < 12; ++i) {
     uint32_t b = ib.le32(i * 4);
     if (!b) continue;
     if (b >= sb_.BlockCount()) {
-      v->Problem();
+      v->Problem("direct block past the volume's end", b);
       continue;
     }
     QORV_TRY(direct.Add(i, b));
   }
   QORV_TRY(direct.Flush());
-  uint64_t per = sb_.BlockSize() / 4, logical = 12;
-  for (uint32_t depth = 0; depth < 3; ++depth) {
-    uint32_t b = ib.le32((12 + depth) * 4);
-    if (b) QORV_TRY(VisitIndirect(b, depth, logical, v));
-    uint64_t span = per;
-    for (uint32_t d = 0; d < depth; ++d) span *= per;
-    logical += span;
+  const uint64_t per = sb_.BlockSize() / 4;
+  const uint64_t first[3] = {12, 12 + per, 12 + per + per * per};
+  for (uint32_t level = 3; level-- > 0;) {
+    uint32_t b = ib.le32((12 + level) * 4);
+    if (b && !InVolume(b, 1)) v->Problem("indirect block past the volume's end", b);
+    else if (b) walk.Add(b, (uint64_t(level) << kLevelShift) | first[level]);
   }
-  return api::QORV_OK;
+  return walk.Run(walker);
 }
 
-status_t CExtFsFileSystem::VisitExtentNode(ByteView node, uint32_t depthWanted, uint32_t capacity,
-                                           CExtMapVisitor* v) {
-  uint32_t entries = node.le16(2), max = node.le16(4), depth = node.le16(6);
-  if (node.le16(0) != kExtentMagic || entries > max || max > capacity || depth > kMaxExtentDepth ||
-      (depthWanted != UINT32_MAX && depth != depthWanted)) {
-    v->Problem();
+status_t CExtFsFileSystem::VisitExtentNode(uint64_t block, ByteView node, uint32_t depthWanted, CExtMapVisitor* v,
+                                           CTreeWalk& walk) {
+  const uint32_t capacity = uint32_t((node.Size() - ext::kHeaderBytes) / ext::kEntryBytes);
+  uint32_t entries = node.le16(ext::kEntries), max = node.le16(ext::kMax), depth = node.le16(ext::kDepth);
+  const char* bad = node.le16(ext::kMagic) != ext::kMagicValue ? "extent header magic wrong"
+                    : entries > max || max > capacity           ? "extent header counts impossible"
+                    : depthWanted != UINT32_MAX && depth != depthWanted ? "extent node depth wrong"
+                                                                          : nullptr;
+  if (bad) {
+    v->Problem(bad, block);
     return api::QORV_OK;
   }
-  const uint32_t bs = sb_.BlockSize();
-  for (uint32_t i = 0; i < entries; ++i) {
-    size_t e = 12 + size_t(i) * 12;
+  // Index entries are queued last first, so the walk reads them in order.
+  for (uint32_t k = 0; k < entries; ++k) {
+    const uint32_t i = depth ? entries - 1 - k : k;
+    ByteView e = node.Sub(ext::kHeaderBytes + size_t(i) * ext::kEntryBytes, ext::kEntryBytes);
     if (depth == 0) {
-      uint32_t len = node.le16(e + 4);
-      if (len > 32768) len -= 32768;  // unwritten extent
-      uint64_t start = (uint64_t(node.le16(e + 6)) << 32) | node.le32(e + 8);
+      uint32_t len = e.le16(ext::kLeafLen);
+      if (len > ext::kMaxInitLen) len -= ext::kMaxInitLen;
+      uint64_t start = (uint64_t(e.le16(ext::kLeafStartHi)) << 32) | e.le32(ext::kLeafStartLo);
       if (len == 0 || !InVolume(start, len)) {
-        v->Problem();
+        v->Problem(len ? "extent runs past the volume's end" : "empty extent", start);
         continue;
       }
-      QORV_TRY(v->Data(node.le32(e), start, len, false));
+      QORV_TRY(v->Data(e.le32(ext::kLeafBlock), start, len, false));
       continue;
     }
-    uint64_t child = node.le32(e + 4) | (uint64_t(node.le16(e + 8)) << 32);
+    uint64_t child = e.le32(ext::kIndexLeafLo) | (uint64_t(e.le16(ext::kIndexLeafHi)) << 32);
     if (!InVolume(child, 1)) {
-      v->Problem();
+      v->Problem("extent index points past the volume's end", child);
       continue;
     }
-    if (!v->Node(child)) continue;
-    uint8_t* buf = nodes_.Data() + size_t(depth - 1) * bs;
-    if (ReadBlocks(child, 1, buf) != api::QORV_OK) {
-      v->Problem();
-      continue;
-    }
-    QORV_TRY(VisitExtentNode(ByteView(buf, bs), depth - 1, (bs - 12) / 12, v));
+    walk.Add(child, kExtentNode | (depth - 1));
   }
   return api::QORV_OK;
 }
 
-status_t CExtFsFileSystem::VisitIndirect(uint64_t block, uint32_t depth, uint64_t logical, CExtMapVisitor* v) {
-  if (!InVolume(block, 1)) {
-    v->Problem();
-    return api::QORV_OK;
-  }
-  if (!v->Node(block)) return api::QORV_OK;
-  const uint32_t bs = sb_.BlockSize(), per = bs / 4;
-  uint8_t* buf = nodes_.Data() + size_t(depth) * bs;
-  if (ReadBlocks(block, 1, buf) != api::QORV_OK) {
-    v->Problem();
-    return api::QORV_OK;
-  }
-  ByteView ind(buf, bs);
+status_t CExtFsFileSystem::VisitIndirect(ByteView ind, uint32_t level, uint64_t logical, CExtMapVisitor* v,
+                                         CTreeWalk& walk) {
+  const uint32_t per = uint32_t(ind.Size() / 4);
   uint64_t span = 1;
-  for (uint32_t d = 0; d < depth; ++d) span *= per;
+  for (uint32_t d = 0; d < level; ++d) span *= per;
   RunBuilder run(v, true);
-  for (uint32_t i = 0; i < per; ++i) {
+  // Children are queued last first, so the walk reads them in ascending order.
+  for (uint32_t k = 0; k < per; ++k) {
+    const uint32_t i = level ? per - 1 - k : k;
     uint32_t b = ind.le32(i * 4);
     if (!b) continue;  // a hole; later entries may still be in use
-    if (depth == 0) {
-      if (b >= sb_.BlockCount()) v->Problem();
-      else QORV_TRY(run.Add(logical + i, b));
+    if (b >= sb_.BlockCount()) {
+      v->Problem(level ? "indirect block past the volume's end" : "data block past the volume's end", b);
       continue;
     }
-    QORV_TRY(VisitIndirect(b, depth - 1, logical + i * span, v));
+    if (level == 0) QORV_TRY(run.Add(logical + i, b));
+    else walk.Add(b, (uint64_t(level - 1) << kLevelShift) | (logical + i * span));
   }
   return run.Flush();
 }

@@ -5,10 +5,47 @@
 #pragma once
 #include <cstdint>
 
+#include "core/scan/tree_walk.h"
 #include "fs/unix/unix_fs.h"
 
 namespace QORV {
 namespace ExtFS2 {
+
+// Byte offsets of the superblock fields the driver reads.
+namespace sbf {
+constexpr size_t kInodesCount = 0x0, kBlocksCountLo = 0x4, kFreeInodes = 0x10, kFirstDataBlock = 0x14;
+constexpr size_t kLogBlockSize = 0x18, kLogClusterSize = 0x1C, kBlocksPerGroup = 0x20, kInodesPerGroup = 0x28;
+constexpr size_t kMagic = 0x38, kCreatorOs = 0x48, kRevLevel = 0x4C, kInodeSize = 0x58;
+constexpr size_t kFeatureCompat = 0x5C, kFeatureIncompat = 0x60, kFeatureRoCompat = 0x64;
+constexpr size_t kReservedGdtBlocks = 0xCE, kJournalInum = 0xE0, kLastOrphan = 0xE8, kDescSize = 0xFE;
+constexpr size_t kFirstMetaBg = 0x104, kBlocksCountHi = 0x150, kMmpBlock = 0x168, kLogGroupsPerFlex = 0x174;
+constexpr size_t kUsrQuotaInum = 0x240, kGrpQuotaInum = 0x244, kBackupBgs = 0x24C, kPrjQuotaInum = 0x26C;
+constexpr size_t kOrphanFileInum = 0x280;
+}  // namespace sbf
+
+// Group descriptor fields: low half, and high half in 64-bit descriptors.
+namespace gdf {
+constexpr size_t kBlockBitmapLo = 0x0, kInodeBitmapLo = 0x4, kInodeTableLo = 0x8, kFlags = 0x12;
+constexpr size_t kItableUnusedLo = 0x1C, kBlockBitmapHi = 0x20, kInodeBitmapHi = 0x24, kInodeTableHi = 0x28;
+constexpr size_t kItableUnusedHi = 0x32;
+constexpr uint16_t kInodeUninit = 0x1;
+}  // namespace gdf
+
+// Inode fields.
+namespace inf {
+constexpr size_t kMode = 0x0, kSizeLo = 0x4, kDtime = 0x14, kLinksCount = 0x1A, kBlocksLo = 0x1C, kFlags = 0x20;
+constexpr size_t kBlock = 0x28, kBlockBytes = 60, kFileAclLo = 0x68, kSizeHigh = 0x6C, kBlocksHi = 0x74;
+constexpr size_t kFileAclHi = 0x76, kExtraIsize = 0x80;
+}  // namespace inf
+
+// Extent tree: a 12-byte header, then 12-byte index or leaf entries.
+namespace ext {
+constexpr size_t kMagic = 0x0, kEntries = 0x2, kMax = 0x4, kDepth = 0x6, kHeaderBytes = 12, kEntryBytes = 12;
+constexpr size_t kLeafBlock = 0x0, kLeafLen = 0x4, kLeafStartHi = 0x6, kLeafStartLo = 0x8;
+constexpr size_t kIndexLeafLo = 0x4, kIndexLeafHi = 0x8;
+constexpr uint16_t kMagicValue = 0xF30A;
+constexpr uint32_t kMaxInitLen = 32768;  // longer lengths mark unwritten extents
+}  // namespace ext
 
 constexpr uint32_t kCompatSparseSuper2 = 0x200;
 constexpr uint32_t kRoCompatSparseSuper = 0x1;
@@ -61,13 +98,16 @@ class CExtFsInode : public CUnixInode {
   void Load(uint64_t number, ByteView raw);
   uint32_t Flags() const { return flags_; }
   uint16_t LinksCount() const { return links_; }
+  uint32_t Dtime() const { return ByteView(raw_, rawSize_).le32(inf::kDtime); }
   uint64_t FileAcl() const { return fileAcl_; }
   uint64_t SectorCount() const { return sectors_; }
   bool HasExtents() const { return flags_ & kInodeExtentsFl; }
   bool HasInlineData() const { return flags_ & kInodeInlineDataFl; }
   // A symbolic link whose target sits in i_block.
   bool IsFastSymlink(uint32_t blockSize) const;
-  ByteView IBlock() const { return ByteView(raw_ + 0x28, 60); }
+  // Whether i_blocks counts more than the extended-attribute block.
+  bool ClaimsBlocks(uint32_t blockSize) const { return sectors_ > (fileAcl_ ? blockSize / 512 : 0); }
+  ByteView IBlock() const { return ByteView(raw_ + inf::kBlock, inf::kBlockBytes); }
   ByteView Raw() const { return ByteView(raw_, rawSize_); }
 
  private:
@@ -80,14 +120,15 @@ class CExtFsInode : public CUnixInode {
 };
 
 // Receives an inode's mapping: node blocks (extent index/leaf blocks,
-// indirect blocks) and data runs. Node(): return false to not descend.
+// indirect blocks), each once per scan, and data runs.
 class CExtMapVisitor {
  public:
   virtual ~CExtMapVisitor() = default;
-  virtual bool Node(uint64_t block) = 0;
+  virtual void Node(uint64_t block) = 0;
   // fromIndirect: the run was listed by an indirect block (not i_block).
   virtual api::status_t Data(uint64_t logical, uint64_t block, uint32_t count, bool fromIndirect) = 0;
-  virtual void Problem() = 0;
+  // Damage in the mapping: what is wrong, and the block it concerns.
+  virtual void Problem(const char* why, uint64_t block) = 0;
 };
 
 // Yields the entries of directory blocks (or an inline-data area).
@@ -124,9 +165,12 @@ class CExtFsFileSystem : public CUnixFileSystem {
   const CExtSuperBlock& Sb() const { return sb_; }
   const CExtResizeBitmap& Backups() const { return backups_; }
 
-  uint64_t BlockBitmapOf(uint32_t g) const { return DescField(g, 0x0, 0x20); }
-  uint64_t InodeBitmapOf(uint32_t g) const { return DescField(g, 0x4, 0x24); }
-  uint64_t InodeTableOf(uint32_t g) const { return DescField(g, 0x8, 0x28); }
+  uint64_t BlockBitmapOf(uint32_t g) const { return DescField(g, gdf::kBlockBitmapLo, gdf::kBlockBitmapHi); }
+  uint64_t InodeBitmapOf(uint32_t g) const { return DescField(g, gdf::kInodeBitmapLo, gdf::kInodeBitmapHi); }
+  uint64_t InodeTableOf(uint32_t g) const { return DescField(g, gdf::kInodeTableLo, gdf::kInodeTableHi); }
+  // How many inodes at the start of group g may be in use: all of them,
+  // unless descriptor checksums vouch for an uninitialised or unused tail.
+  uint32_t InodesInUseOf(uint32_t g) const;
   uint32_t TableBlocks() const { return uint32_t((uint64_t(sb_.inodeSize) * sb_.inodesPerGroup) >> sb_.BlockShift()); }
 
   // Random access: a handful of small windows over the inode tables.
@@ -134,7 +178,9 @@ class CExtFsFileSystem : public CUnixFileSystem {
   // Sequential access (ascending numbers): one large window.
   api::status_t ReadInodeSequential(uint64_t number, CExtFsInode* out);
   // Visits the block map of an inode; structural damage goes to Problem().
-  api::status_t VisitMap(const CExtFsInode& inode, CExtMapVisitor* v);
+  // Mapping blocks are read once per `walk`, whose visited set keeps cycles
+  // and blocks shared between inodes from being followed twice.
+  api::status_t VisitMap(const CExtFsInode& inode, CExtMapVisitor* v, CTreeWalk& walk);
 
  private:
   struct Window {
@@ -143,13 +189,18 @@ class CExtFsFileSystem : public CUnixFileSystem {
     uint8_t* data = nullptr;
     uint64_t stamp = 0;
   };
-  uint64_t DescField(uint32_t g, uint32_t lo, uint32_t hi) const;
+  class MapWalker;
+  uint64_t DescField(uint32_t g, size_t lo, size_t hi) const;
   uint32_t ParsedInodeBytes() const {
     return sb_.inodeSize < CExtFsInode::kMaxRaw ? sb_.inodeSize : CExtFsInode::kMaxRaw;
   }
   api::status_t ReadVia(Window* w, uint32_t slotBytes, uint64_t number, CExtFsInode* out);
-  api::status_t VisitExtentNode(ByteView node, uint32_t depth, uint32_t maxEntries, CExtMapVisitor* v);
-  api::status_t VisitIndirect(uint64_t block, uint32_t depth, uint64_t logical, CExtMapVisitor* v);
+  // One extent node (the root in i_block, block 0, or a block); index
+  // entries are queued on the walk with the depth their child must have.
+  api::status_t VisitExtentNode(uint64_t block, ByteView node, uint32_t depthWanted, CExtMapVisitor* v,
+                                CTreeWalk& walk);
+  // One indirect block holding pointers `level` levels above the data.
+  api::status_t VisitIndirect(ByteView ind, uint32_t level, uint64_t logical, CExtMapVisitor* v, CTreeWalk& walk);
 
   CExtSuperBlock sb_;
   CExtResizeBitmap backups_;
@@ -159,7 +210,7 @@ class CExtFsFileSystem : public CUnixFileSystem {
   Window slots_[kSlots];
   Window seq_;
   uint64_t clock_ = 0;
-  CUnixBlock nodes_;  // one block per extent/indirect level
+  CUnixBlock node_;  // the mapping block being visited
 };
 
 }  // namespace ExtFS2

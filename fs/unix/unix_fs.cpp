@@ -47,10 +47,4 @@ api::status_t CUnixFileSystem::ReadBlocks(uint64_t block, uint32_t count, void* 
   return ReadDevice(block << shift, buf, uint32_t(bytes));
 }
 
-api::status_t CUnixFileSystem::ReadDevice(uint64_t offset, void* buf, uint32_t count) {
-  api::status_t s = dev_->ReadBytes(offset, buf, count, 0);
-  if (s == api::ERR_DEVICE_GONE) gone_ = true;
-  return s;
-}
-
 }  // namespace QORV

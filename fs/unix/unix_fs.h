@@ -73,15 +73,13 @@ class CUnixFileSystem : public api::base_noncopyable {
   }
   // Reads whole blocks; a range outside the volume is refused before any I/O.
   api::status_t ReadBlocks(uint64_t block, uint32_t count, void* buf);
-  // Any byte range; remembers a vanished device so a walk that tolerates
-  // single read failures still stops.
-  api::status_t ReadDevice(uint64_t offset, void* buf, uint32_t count);
-  bool DeviceGone() const { return gone_; }
+  // Any byte range. A scan hands the driver a watched device, which is
+  // where a vanished device is noticed.
+  api::status_t ReadDevice(uint64_t offset, void* buf, uint32_t count) { return dev_->ReadBytes(offset, buf, count, 0); }
 
  protected:
   api::CLibEnv* env_;
   api::IDeviceRWBlock* dev_;
-  bool gone_ = false;
 };
 
 // File kinds by the Unix mode's type bits.

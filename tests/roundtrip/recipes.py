@@ -13,7 +13,7 @@ import util
 from util import Fail, Skip
 
 # Bump when a recipe or the tree changes, so cached volumes are rebuilt.
-CACHE_VERSION = "5"
+CACHE_VERSION = "7"
 
 
 # ---------------------------------------------------------------- checkers
@@ -261,7 +261,8 @@ def fat_recipe(bits, sector, cluster, size_mb, prof=tree.FAT_LIGHT):
     return make
 
 
-def ext_recipe(mkfs_args, size_mb, htree=0):
+def ext_recipe(mkfs_args, size_mb, htree=0, extended=""):
+    """extended: more mke2fs -E options."""
     def make(ctx, name):
         util.need("mke2fs", "debugfs", "e2fsck")
 
@@ -272,7 +273,7 @@ def ext_recipe(mkfs_args, size_mb, htree=0):
             with open(img, "wb") as f:
                 f.truncate(size_mb << 20)
             util.run(["mke2fs", "-q", "-F", "-U", "6a1e3c55-0f0e-4c1a-9d5e-1234567890ab",
-                      "-E", "hash_seed=0b4c3a2e-1111-2222-3333-444455556666,root_owner=0:0"]
+                      "-E", "hash_seed=0b4c3a2e-1111-2222-3333-444455556666,root_owner=0:0" + extended]
                      + mkfs_args + ["-d", root, img], check=True, timeout=600)
             apply_ops(t.ops, DebugfsDriver(img), os.path.join(scratch, "ops"))
             if htree:
@@ -284,6 +285,26 @@ def ext_recipe(mkfs_args, size_mb, htree=0):
         path = _cached(ctx, name, build)
         expect = set(tree.generate(tree.EXT)[1].expect)
         return [Volume(name, "ext", path, expect=expect)]
+    return make
+
+
+def ext_subdirs_recipe(mkfs_args, size_mb, subdirs):
+    """An empty volume given `subdirs` directories in the root, one by one,
+    so the root's blocks (its indirect block among them) come first."""
+    def make(ctx, name):
+        util.need("mke2fs", "debugfs", "e2fsck")
+        names = ["subdirectory_%04d" % i for i in range(subdirs)]
+
+        def build(img, scratch):
+            with open(img, "wb") as f:
+                f.truncate(size_mb << 20)
+            util.run(["mke2fs", "-q", "-F"] + mkfs_args + [img], check=True, timeout=600)
+            driver = DebugfsDriver(img)
+            for n in names:
+                driver.mkdir(n)
+            driver.finish()
+
+        return [Volume(name, "ext", _cached(ctx, name, build), expect=set(names))]
     return make
 
 
@@ -462,6 +483,14 @@ RECIPES = {
     "ext2": ext_recipe(["-t", "ext2"], 128),
     "ext3_1k": ext_recipe(["-t", "ext3", "-b", "1024"], 96),
     "ext4_inline": ext_recipe(["-t", "ext4", "-O", "inline_data", "-I", "256"], 128),
+    # Groups of 256 blocks: the root's indirect block lies among the first
+    # blocks after the superblock, which the fixed metadata already keeps.
+    "ext2_small_groups": ext_subdirs_recipe(["-t", "ext2", "-b", "1024", "-g", "256", "-O", "^resize_inode"], 32,
+                                            600),
+    # 3 TiB, sparse: block numbers whose byte offsets need more than 32 bits.
+    # Few inodes and no journal keep the image (every table and bitmap) small.
+    "ext4_3tib": ext_recipe(["-t", "ext4", "-N", "4096", "-O", "^has_journal,^resize_inode"], 3 << 20,
+                            extended=",lazy_itable_init=1,nodiscard"),
     "fixtures": fixtures,
     "raw": raw_cases,
 }
@@ -476,6 +505,7 @@ GROUPS = {
     "ext2": ["ext2"],
     "ext3_1k": ["ext3_1k"],
     "ext4_inline": ["ext4_inline"],
+    "ext_large": ["ext2_small_groups", "ext4_3tib"],
     "fixtures": ["fixtures"],
     "raw": ["raw"],
 }

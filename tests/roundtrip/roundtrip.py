@@ -30,10 +30,33 @@ def summary(name, vol_size, img_size, verdict, listing, blocks):
 
 
 def sha256(path):
+    """Digest of every non-zero 1 MiB chunk and its offset. Only the parts
+    the file system reports as data are read (holes read as zeros), so a
+    sparse multi-TiB volume is hashed by what it holds, however its extents
+    happen to be laid out at the moment."""
+    chunk_size = 1 << 20
     h = hashlib.sha256()
     with open(path, "rb") as f:
-        for chunk in iter(lambda: f.read(1 << 22), b""):
-            h.update(chunk)
+        size = os.fstat(f.fileno()).st_size
+        pos = 0
+        while pos < size:
+            try:
+                start = os.lseek(f.fileno(), pos, os.SEEK_DATA)
+                end = os.lseek(f.fileno(), start, os.SEEK_HOLE)
+            except OSError:   # no data after pos
+                break
+            off = max(pos, start - start % chunk_size)
+            while off < end:
+                f.seek(off)
+                chunk = f.read(chunk_size - off % chunk_size)
+                if not chunk:
+                    break
+                if chunk.count(0) != len(chunk):
+                    h.update(b"@%d" % off)
+                    h.update(chunk)
+                off += len(chunk)
+            pos = off
+        h.update(b"#%d" % size)
     return h.hexdigest()
 
 
@@ -149,6 +172,9 @@ def run_group(ctx, group):
     if group == "negative":
         import negative
         return negative.run(ctx)
+    if group == "corpus":
+        import corpus
+        return corpus.run(ctx)
     vols = recipes.volumes_for(ctx, group)
     failures = []
     skipped = 0
@@ -177,11 +203,13 @@ def main():
     ap.add_argument("--cache", required=True)
     ap.add_argument("--fixtures", required=True)
     ap.add_argument("--data", required=True)
+    ap.add_argument("--corpus", help="damaged volumes from other projects (default: beside --fixtures)")
     ap.add_argument("--keep", action="store_true", help="keep images and restored files")
     ap.add_argument("--build-data", action="store_true", help="re-make the pre-built volumes of --data")
     ap.add_argument("group", nargs="?", default="")
     ctx = ap.parse_args()
     ctx.cache = os.path.abspath(ctx.cache)
+    ctx.corpus = ctx.corpus or os.path.join(os.path.dirname(os.path.abspath(ctx.fixtures)), "corpus")
     ctx.work = os.path.join(ctx.cache, "work", ctx.group)
     os.makedirs(ctx.work, exist_ok=True)
     try:
