@@ -20,6 +20,7 @@ want fusermount3 fuse3
 want mke2fs e2fsprogs
 want fls sleuthkit
 want losetup mount
+want mkntfs ntfs-3g
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -x /usr/bin/time ] || need+=(time)
 

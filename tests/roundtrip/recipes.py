@@ -18,11 +18,11 @@ CACHE_VERSION = "7"
 
 # ---------------------------------------------------------------- checkers
 
-def fls_listing(path, under_deleted=False):
+def fls_listing(path, under_deleted=False, orphans=False):
     """Names, types, times and sizes of every entry, deleted ones included,
-    except what lies among the lister's orphans and, unless under_deleted,
-    under a deleted directory: ext images do not keep a deleted directory's
-    blocks, by design."""
+    except (unless orphans) what lies among the lister's orphans and, unless
+    under_deleted, under a deleted directory: ext images do not keep a
+    deleted directory's blocks, by design."""
     r = util.run(["fls", "-r", "-p", "-l", path], timeout=300)
     if r.returncode != 0:
         return "fls exit %d\n%s" % (r.returncode, r.out), set()
@@ -30,7 +30,7 @@ def fls_listing(path, under_deleted=False):
     for line in r.out.splitlines():
         head, _, rest = line.partition(":\t")
         name = rest.split("\t")[0]
-        if any(name.startswith(d + "/") for d in dropped) or name.startswith("$OrphanFiles"):
+        if any(name.startswith(d + "/") for d in dropped) or (name.startswith("$OrphanFiles") and not orphans):
             continue
         kept.append(line)
         if "*" in head:
@@ -63,6 +63,7 @@ def short_components(path):
 class FileSystem:
     checker: list
     listers: list
+    extra: object = None   # extra(volume, source, restored, contents_kept) -> problems
 
     def check(self, path):
         r = util.run(self.checker + [path], timeout=300)
@@ -86,6 +87,8 @@ class Volume:
     checker_must_pass: object = True   # None: decided by the original's verdict
     note: str = ""
     expect: set = field(default_factory=set)
+    data: bool = False       # dumped with -data
+    marker: bool = False     # holds a marker file whose content a metadata image leaves out
 
 
 # ------------------------------------------------------------ populating
@@ -449,6 +452,7 @@ def fixtures(ctx, name):
             if base == "fat16_winxp_dftt_undelete":
                 note = "boot sector claims 12033 sectors, the image has 12032"
             vols.append(Volume("fixture_" + base, fs, path, checker_must_pass=None, note=note))
+    vols += ntfs.fixtures(ctx)
     if not vols:
         raise Skip("no fixtures under %s" % ctx.fixtures)
     return vols
@@ -509,6 +513,13 @@ GROUPS = {
     "fixtures": ["fixtures"],
     "raw": ["raw"],
 }
+
+
+import ntfs  # noqa: E402  (builds on the definitions above)
+
+FILESYSTEMS["ntfs"] = ntfs.FS
+RECIPES.update(ntfs.RECIPES)
+GROUPS.update(ntfs.GROUPS)
 
 
 def volumes_for(ctx, group):

@@ -60,11 +60,12 @@ def sha256(path):
     return h.hexdigest()
 
 
-def dump(ctx, src, img, raw=False, expect_scanner=None, to_stdout=False):
+def dump(ctx, src, img, raw=False, expect_scanner=None, to_stdout=False, data=False):
     """Dumps src into img and returns the mdsnap output. A refusal in metadata
     mode names the scanner as the one at fault."""
     util.remove(img)   # a dump does not truncate an existing image
-    args = [ctx.mdsnap, "--dump", "--nopercents"] + (["-dd"] if raw else [])
+    mode = ["-dd"] if raw else ["--head"] if ctx.force == "head" else ["-data"] if data else []
+    args = [ctx.mdsnap, "--dump", "--nopercents"] + mode
     if to_stdout:
         with open(img, "wb") as f:
             r = util.run(args + [src], timeout=300, stdout=f)
@@ -98,8 +99,10 @@ def round_trip(ctx, vol):
     dst = os.path.join(work, "restored.img")
     vol_size = os.path.getsize(src)
     before = sha256(src)
-    print("== %s (%s, %d bytes)%s" % (vol.name, vol.fs, vol_size, " raw" if vol.raw else ""), flush=True)
-    out = dump(ctx, src, img, raw=vol.raw, expect_scanner=vol.fs, to_stdout=vol.to_stdout)
+    print("== %s (%s, %d bytes)%s" % (vol.name, vol.fs, vol_size, " raw" if vol.raw else " -data" if vol.data
+                                      else " " + ctx.force if ctx.force else ""), flush=True)
+    raw = vol.raw or ctx.force == "dd"
+    out = dump(ctx, src, img, raw=raw, expect_scanner=vol.fs, to_stdout=vol.to_stdout, data=vol.data)
     if sha256(src) != before:
         raise Fail("%s: the source volume changed during the dump" % vol.name)
     print("  " + out.strip().replace("\n", "\n  "))
@@ -160,6 +163,8 @@ def round_trip(ctx, vol):
                                 "e.g. %r" % (lister.__name__, len(missing), missing[:3]))
         elif names is not None and len(names) < 3:
             problems.append("%s lists almost nothing (%d entries)" % (lister.__name__, len(names)))
+    if fs.extra:
+        problems += fs.extra(vol, src, dst, vol.data or raw)
     summary(vol.name, vol_size, os.path.getsize(img), verdict, listing, blocks)
     if problems:
         raise Fail("%s:\n  %s" % (vol.name, "\n  ".join(problems)))
@@ -179,7 +184,7 @@ def run_group(ctx, group):
     failures = []
     skipped = 0
     for vol in vols:
-        if not vol.raw and not util.scanner_built(ctx.mdsnap, vol.fs):
+        if not vol.raw and not ctx.force and not util.scanner_built(ctx.mdsnap, vol.fs):
             print("SKIP %s: this mdsnap has no %s scanner yet" % (vol.name, vol.fs), flush=True)
             skipped += 1
             continue
@@ -205,6 +210,9 @@ def main():
     ap.add_argument("--data", required=True)
     ap.add_argument("--corpus", help="damaged volumes from other projects (default: beside --fixtures)")
     ap.add_argument("--keep", action="store_true", help="keep images and restored files")
+    ap.add_argument("--force", choices=["dd", "head"],
+                    help="dump every volume with -dd (the checks must pass) or --head (they must fail), "
+                         "scanner or not")
     ap.add_argument("--build-data", action="store_true", help="re-make the pre-built volumes of --data")
     ap.add_argument("group", nargs="?", default="")
     ctx = ap.parse_args()

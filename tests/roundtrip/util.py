@@ -66,10 +66,13 @@ def diff(a, b, n=30):
     return "\n".join("    " + l for l in d[:n]) + more
 
 
-def zstd_decompress(src, dst):
+def zstd_decompress(src, dst, sparse=False):
     tmp = dst + ".part"
-    with open(tmp, "wb") as f:
-        run(["zstd", "-dc", src], stdout=f, check=True)
+    if sparse:   # volumes of several GiB that are mostly zero
+        run(["zstd", "-d", "-q", "-f", "--sparse", src, "-o", tmp], check=True, timeout=600)
+    else:
+        with open(tmp, "wb") as f:
+            run(["zstd", "-dc", src], stdout=f, check=True)
     os.replace(tmp, dst)
 
 
@@ -87,7 +90,8 @@ def locked(path):
 
 # The scanner component each file system needs, as the tool's library
 # version text lists it.
-SCANNER_COMPONENT = {"fat": "Mdsnap Fat included", "exfat": "Mdsnap Exfat included", "ext": "Mdsnap Ext included"}
+SCANNER_COMPONENT = {"fat": "Mdsnap Fat included", "exfat": "Mdsnap Exfat included", "ext": "Mdsnap Ext included",
+                     "ntfs": "Mdsnap Ntfs included"}
 _components = {}
 
 
