@@ -130,6 +130,51 @@ def ext_bad_extent_file(p):
     debugfs_w(p, "sif /sizes/size_10_1048577.bin block[0] 0xdeadbeef")
 
 
+# ---------------------------------------------------------------- NTFS
+
+def _ntfs_boot(p):
+    b = read(p, 0, 512)
+    bps = struct.unpack_from("<H", b, 11)[0]
+    cluster = bps * b[13]
+    rec = b[64] if b[64] < 128 else 256 - b[64]
+    record_size = rec * cluster if b[64] < 128 else 1 << rec
+    mft, mirr = struct.unpack_from("<QQ", b, 48)
+    total = struct.unpack_from("<Q", b, 40)[0]
+    return bps, cluster, record_size, mft, mirr, total
+
+
+def ntfs_bad_main(p):
+    patch(p, 3, b"NOTNTFS ")                 # the OEM name of sector 0
+
+
+def ntfs_both_bad(p):
+    bps, _, _, _, _, total = _ntfs_boot(p)
+    patch(p, 3, b"NOTNTFS ")
+    patch(p, total * bps + 3, b"NOTNTFS ")   # the backup, past the last cluster
+
+
+def ntfs_mft_compressed(p):
+    """Flags the unnamed $DATA of record 0 compressed, in $MFT and in its
+    mirror alike, so that neither copy is usable."""
+    _, cluster, record_size, mft, mirr, _ = _ntfs_boot(p)
+    for start in (mft * cluster, mirr * cluster):
+        rec = read(p, start, record_size)
+        if rec[:4] != b"FILE":
+            raise Fail("record 0 at 0x%x has no FILE magic (recipe changed?)" % start)
+        off = struct.unpack_from("<H", rec, 0x14)[0]
+        while off + 16 <= len(rec):
+            kind, length = struct.unpack_from("<II", rec, off)
+            if kind == 0xFFFFFFFF or length == 0:
+                raise Fail("record 0 at 0x%x has no unnamed $DATA" % start)
+            if kind == 0x80 and rec[off + 9] == 0:
+                flags = off + 0x0C
+                if flags % 512 >= 510:
+                    raise Fail("$DATA flags of record 0 lie under an update sequence number")
+                patch(p, start + flags, struct.pack("<H", struct.unpack_from("<H", rec, flags)[0] | 0x0001))
+                break
+            off += length
+
+
 # (name, recipe of the base volume, damage, expected exit status, words expected in the output)
 CASES = [
     ("fat32_backup_bpb_differs", "fat32_512", fat_backup_bpb_differs, STRUCTURE_BAD, None),
@@ -141,6 +186,10 @@ CASES = [
     ("ext4_bad_extent_header_dir", "ext4", ext_bad_extent_header, 0, None),
     ("ext4_bad_extent_header_file", "ext4", ext_bad_extent_file, 0, None),
     ("ext4_dir_loop", "ext4", ext_dir_loop, 0, None),
+    ("ntfs_bad_main_good_backup", "ntfs_4k", ntfs_bad_main, 0,
+     "The first NTFS boot sector is unreadable or corrupt. Reading second NTFS boot sector instead."),
+    ("ntfs_both_boot_sectors_bad", "ntfs_4k", ntfs_both_bad, NOT_RECOGNIZED, "failed to recognize"),
+    ("ntfs_mft_data_compressed", "ntfs_4k", ntfs_mft_compressed, STRUCTURE_BAD, None),
 ]
 
 
@@ -188,7 +237,7 @@ def run(ctx):
     bases, controls, failures, skipped = {}, {}, [], []
     for name, recipe, damage, want_rc, want_text in CASES:
         try:
-            fs = "exfat" if recipe.startswith("exfat") else "fat" if recipe.startswith("fat") else "ext"
+            fs = recipe.split("_")[0].rstrip("0123456789")
             if not util.scanner_built(ctx.mdsnap, fs):
                 raise Skip("this mdsnap has no %s scanner yet" % fs)
             if recipe not in bases:

@@ -388,9 +388,10 @@ def recipe(size_mb, mkfs_args, base=True, big=False, with_data=False):
     return make
 
 
-def dirty(ctx, name):
-    """A copy taken while ntfs-3g had the volume mounted and was writing: the
-    volume is marked in use and its log is the driver's, mid-flight."""
+def busy_copy(ctx, name):
+    """A copy taken while ntfs-3g had the volume mounted and was writing to
+    it. (ntfs-3g empties the log when it mounts and writes no log records, so
+    the copy's log is blank, not dirty: see dirty_log.)"""
     util.need("mkntfs", "ntfsfix", "fls")
     why = fuse_problem()
     if why:
@@ -415,6 +416,39 @@ def dirty(ctx, name):
                    note="copied while mounted: the checker may reject the original")]
 
 
+LOG_SOURCE = "ntfs_win10_2k_cluster_index"
+RESTART_CLEAN = 0x0002
+
+
+def dirty_log(ctx, name):
+    """A Windows volume whose log restart areas no longer say the volume was
+    shut down cleanly: both restart pages lose their clean flag, the log
+    records stay as Windows wrote them."""
+    util.need("zstd", "ntfsfix", "fls", "istat")
+    src = os.path.join(ctx.fixtures, "ntfs", LOG_SOURCE + ".img.zst")
+    if not os.path.exists(src):
+        raise Skip("sample %s is missing" % src)
+
+    def b(img, scratch):
+        util.zstd_decompress(src, img, sparse=True)
+        _, cluster, _ = geometry(img)
+        r = util.run(["istat", "-r", img, "2"], check=True)
+        first = int(r.out.split("Starting address:")[1].split(",")[0])
+        for page in (0, 4096):
+            off = first * cluster + page
+            head = recipes_read(img, off, 512)
+            if head[:4] != b"RSTR":
+                raise Fail("no restart page at 0x%x of the log (sample changed?)" % off)
+            flags = off + struct.unpack_from("<H", head, 24)[0] + 14
+            value = struct.unpack("<H", recipes_read(img, flags, 2))[0]
+            with open(img, "r+b") as f:
+                f.seek(flags)
+                f.write(struct.pack("<H", value & ~RESTART_CLEAN))
+
+    path = _cached(ctx, name, b)
+    return [Volume(name, "ntfs", path, checker_must_pass=None, note="the log says the volume is in use")]
+
+
 def fixtures(ctx):
     util.need("zstd")
     vols = []
@@ -434,11 +468,12 @@ RECIPES = {
     "ntfs_512": recipe(96, ["-c", "512"]),
     "ntfs_64k": recipe(256, ["-c", "65536"]),
     "ntfs_s4k": recipe(160, ["-s", "4096", "-c", "4096"]),
-    "ntfs_dirty": dirty,
+    "ntfs_busy_copy": busy_copy,
+    "ntfs_dirty_log": dirty_log,
     "ntfs_big": recipe(256, ["-c", "4096"], base=False, big=True),
 }
 
 GROUPS = {
-    "ntfs": ["ntfs_4k", "ntfs_512", "ntfs_64k", "ntfs_s4k", "ntfs_dirty"],
+    "ntfs": ["ntfs_4k", "ntfs_512", "ntfs_64k", "ntfs_s4k", "ntfs_busy_copy", "ntfs_dirty_log"],
     "ntfs_big": ["ntfs_big"],
 }
