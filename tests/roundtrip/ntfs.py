@@ -3,6 +3,8 @@ through an ntfs-3g FUSE mount, and judged after the restore by ntfsfix -n,
 the sleuthkit lister, and a read-only ntfs-3g mount of both sides that lists
 what a user sees (times, attributes, links, streams, reparse data, security
 descriptors) and, where file contents were dumped too, reads every byte."""
+import ctypes
+import errno
 import glob
 import hashlib
 import os
@@ -27,6 +29,7 @@ DEEP_LEVELS = 120
 FRAGMENTS = 1500
 
 MARKER = "special/marker.bin"
+LOG_RESTART_BYTES = 8192   # the log's two restart pages
 STREAM_SIZES = {"small": 20, "big": 40000, "empty": 0}   # "big" is non-resident; all fit an xattr
 
 
@@ -73,6 +76,26 @@ def mounted(img, options, scratch=None):
 
 # ---------------------------------------------------------------- listing
 
+_libc = ctypes.CDLL(None, use_errno=True)
+_libc.lgetxattr.restype = ctypes.c_ssize_t
+_libc.lgetxattr.argtypes = [ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p, ctypes.c_size_t]
+
+
+def getxattr(path, name):
+    """The attribute's value, its size asked first: ntfs-3g answers a buffer
+    that is too small with EIO, not ERANGE, so os.getxattr's first guess of
+    128 bytes fails on every longer value."""
+    p, n = os.fsencode(path), name.encode()
+    size = _libc.lgetxattr(p, n, None, 0)
+    if size >= 0:
+        buf = ctypes.create_string_buffer(max(size, 1))
+        got = _libc.lgetxattr(p, n, buf, size)
+        if got >= 0:
+            return buf.raw[:got]
+    e = ctypes.get_errno()
+    raise OSError(e, os.strerror(e))
+
+
 XATTRS = ("system.ntfs_times", "system.ntfs_attrib", "system.ntfs_dos_name")
 HASHED_XATTRS = ("system.ntfs_acl", "system.ntfs_reparse_data")
 
@@ -99,11 +122,13 @@ def describe(full, rel, content):
     parts = [rel, kind, "size=%d" % st.st_size, "blocks=%d" % st.st_blocks, "ino=%d" % st.st_ino,
              "nlink=%d" % st.st_nlink]
     for name in XATTRS + HASHED_XATTRS:
-        try:
-            v = os.getxattr(full, name, follow_symlinks=False)
-        except OSError:
-            continue
         short = name.split(".", 1)[1]
+        try:
+            v = getxattr(full, name)
+        except OSError as e:
+            if e.errno != errno.ENODATA:
+                parts.append("%s %s" % (short, e.strerror))
+            continue
         parts.append("%s=%s" % (short, _digest(v) if name in HASHED_XATTRS else
                                 v.decode("utf-8", "replace") if name.endswith("dos_name") else v.hex()))
     if kind == "l":
@@ -115,7 +140,7 @@ def describe(full, rel, content):
         parts.append("listxattr " + e.strerror)
     for s in streams:
         try:
-            v = os.getxattr(full, s, follow_symlinks=False)
+            v = getxattr(full, s)
             parts.append("stream %s=%s" % (s[5:], _digest(v) if content else len(v)))
         except OSError as e:
             parts.append("stream %s %s" % (s[5:], e.strerror))
@@ -149,7 +174,8 @@ def mount_listing(path, content=False):
                 names.add(recipes.short_components(p))
                 if os.path.isdir(full) and not os.path.islink(full):
                     stack.append(p)
-    return "\n".join(sorted(lines)), names
+    # A sample may hold next to nothing: the sleuthkit's names judge that.
+    return "\n".join(sorted(lines)), names or None
 
 
 def ntfs_fls(path):
@@ -172,30 +198,39 @@ def recipes_read(path, off, n):
         return f.read(n)
 
 
-def marker_runs(path):
-    """(first cluster, count) runs of the marker file's unnamed $DATA, from
-    the sleuthkit's view of its record."""
-    r = util.run(["ifind", "-n", "/" + MARKER, path])
-    if r.returncode != 0 or not r.out.strip().isdigit():
-        raise Fail("ifind cannot find %s: %s" % (MARKER, r.out.strip()))
-    inum = int(r.out)
-    if inum < 16:
-        raise Fail("marker %s is record %d, a system file" % (MARKER, inum))
-    r = util.run(["istat", "-r", path, str(inum)], check=True)
+def data_runs(path, inum):
+    """(first cluster, count) runs of record inum's unnamed $DATA, from the
+    sleuthkit's view of the record; None when it cannot read the record."""
+    r = util.run(["istat", "-r", path, str(inum)])
+    if r.returncode != 0:
+        return None
     runs, in_data = [], False
     for line in r.out.splitlines():
         if line.startswith("Type:"):
             in_data = line.startswith("Type: $DATA (128-") and "Name: N/A" in line
         elif in_data and "Starting address:" in line:
             a, n = line.split("Starting address:")[1].split(", length:")
-            runs.append((int(a), int(n)))
+            if a.strip().isdigit():
+                runs.append((int(a), int(n)))
+    return runs
+
+
+def marker_runs(path):
+    r = util.run(["ifind", "-n", "/" + MARKER, path])
+    if r.returncode != 0 or not r.out.strip().isdigit():
+        raise Fail("ifind cannot find %s: %s" % (MARKER, r.out.strip()))
+    inum = int(r.out)
+    if inum < 16:
+        raise Fail("marker %s is record %d, a system file" % (MARKER, inum))
+    runs = data_runs(path, inum)
     if not runs:
-        raise Fail("no clusters found for %s (record %d):\n%s" % (MARKER, inum, util.tail_lines(r.out)))
+        raise Fail("no clusters found for %s (record %d)" % (MARKER, inum))
     return runs
 
 
 def extra_checks(vol, src, dst, content_kept):
-    """The backup boot sector past the last cluster comes back; the marker's
+    """The backup boot sector past the last cluster and the log's restart
+    pages (no lister reads them) come back; the marker's
     clusters hold nothing in a metadata image; with contents dumped, every
     file and stream reads back byte for byte."""
     problems = []
@@ -208,6 +243,12 @@ def extra_checks(vol, src, dst, content_kept):
         elif a != b:
             problems.append("backup boot sector at 0x%x differs (restored %s)"
                             % (backup, "zero" if not b.strip(b"\0") else "other bytes"))
+    log = data_runs(src, 2)
+    if log:
+        first, count = log[0]
+        n = min(count * cluster, LOG_RESTART_BYTES)
+        if recipes_read(src, first * cluster, n) != recipes_read(dst, first * cluster, n):
+            problems.append("the log's restart pages at cluster %d differ" % first)
     if vol.marker:
         bad = []
         for first, count in marker_runs(src):
@@ -477,3 +518,7 @@ GROUPS = {
     "ntfs": ["ntfs_4k", "ntfs_512", "ntfs_64k", "ntfs_s4k", "ntfs_busy_copy", "ntfs_dirty_log"],
     "ntfs_big": ["ntfs_big"],
 }
+
+recipes.FILESYSTEMS["ntfs"] = FS
+recipes.RECIPES.update(RECIPES)
+recipes.GROUPS.update(GROUPS)

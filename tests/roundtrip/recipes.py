@@ -515,11 +515,7 @@ GROUPS = {
 }
 
 
-import ntfs  # noqa: E402  (builds on the definitions above)
-
-FILESYSTEMS["ntfs"] = ntfs.FS
-RECIPES.update(ntfs.RECIPES)
-GROUPS.update(ntfs.GROUPS)
+import ntfs  # noqa: E402,F401  (builds on the definitions above and adds itself to them)
 
 
 def volumes_for(ctx, group):
