@@ -13,7 +13,7 @@ import shutil
 import util
 from util import Fail, Skip
 
-FOLDERS = ("ext", "fat", "exfat", "nosig")
+FOLDERS = ("ext", "fat", "exfat", "ntfs", "nosig")
 DUMP_TIMEOUT = 30
 CHECK_TIMEOUT = 60
 
@@ -22,6 +22,7 @@ CHECKERS = {
     "ExtFs": ["e2fsck", "-fn"],
     "FAT": ["fsck.fat", "-n"],
     "exFAT": ["fsck.exfat", "-n"],
+    "NTFS": ["ntfsfix", "-n"],
 }
 
 # Low bytes of the statuses a refusal may end with (see the README's table).
@@ -101,7 +102,7 @@ def one(ctx, src, work):
 
 
 def run(ctx):
-    util.need("zstd", "e2fsck", "fsck.fat", "fsck.exfat")
+    util.need("zstd", "e2fsck", "fsck.fat", "fsck.exfat", "ntfsfix")
     images = []
     for folder in FOLDERS:
         images += sorted(glob.glob(os.path.join(ctx.corpus, folder, "*.img.zst")))
