@@ -154,11 +154,13 @@ def describe(full, rel, content):
 
 def mount_listing(path, content=False):
     """Every entry of a read-only ntfs-3g mount, walked with an explicit
-    stack; named streams appear as user.* attributes there."""
+    stack; named streams appear as user.* attributes there. Which names must
+    be there is the sleuthkit lister's to judge; a volume that does not mount
+    lists nothing, which fails that judgement."""
     with mounted(path, "ro,streams_interface=xattr") as (mnt, why):
         if mnt is None:
             return why, set()
-        lines, names = [describe(mnt, ".", content)], set()
+        lines = [describe(mnt, ".", content)]
         stack = [""]
         while stack:
             rel = stack.pop()
@@ -171,11 +173,9 @@ def mount_listing(path, content=False):
                 p = os.path.join(rel, e)
                 full = os.path.join(mnt, p)
                 lines.append(describe(full, p, content))
-                names.add(recipes.short_components(p))
                 if os.path.isdir(full) and not os.path.islink(full):
                     stack.append(p)
-    # A sample may hold next to nothing: the sleuthkit's names judge that.
-    return "\n".join(sorted(lines)), names or None
+    return "\n".join(sorted(lines)), None
 
 
 def ntfs_fls(path):
