@@ -6,6 +6,7 @@ import shutil
 import struct
 
 import image
+import ntfs
 import recipes
 import util
 from util import Fail, Skip
@@ -133,24 +134,24 @@ def ext_bad_extent_file(p):
 # ---------------------------------------------------------------- NTFS
 
 def _ntfs_boot(p):
+    """(bytes per sector, cluster size, record size, $MFT and $MFTMirr
+    clusters, total sectors)."""
+    bps, cluster, total = ntfs.geometry(p)
     b = read(p, 0, 512)
-    bps = struct.unpack_from("<H", b, 11)[0]
-    cluster = bps * b[13]
-    rec = b[64] if b[64] < 128 else 256 - b[64]
-    record_size = rec * cluster if b[64] < 128 else 1 << rec
-    mft, mirr = struct.unpack_from("<QQ", b, 48)
-    total = struct.unpack_from("<Q", b, 40)[0]
+    v = struct.unpack_from("<b", b, ntfs.BOOT_RECORD_SIZE)[0]
+    record_size = 1 << -v if v < 0 else v * cluster
+    mft, mirr = struct.unpack_from("<QQ", b, ntfs.BOOT_MFT_CLUSTERS)
     return bps, cluster, record_size, mft, mirr, total
 
 
 def ntfs_bad_main(p):
-    patch(p, 3, b"NOTNTFS ")                 # the OEM name of sector 0
+    patch(p, ntfs.BOOT_OEM.start, b"NOTNTFS ")
 
 
 def ntfs_both_bad(p):
     bps, _, _, _, _, total = _ntfs_boot(p)
-    patch(p, 3, b"NOTNTFS ")
-    patch(p, total * bps + 3, b"NOTNTFS ")   # the backup, past the last cluster
+    patch(p, ntfs.BOOT_OEM.start, b"NOTNTFS ")
+    patch(p, total * bps + ntfs.BOOT_OEM.start, b"NOTNTFS ")   # the backup, past the last cluster
 
 
 def ntfs_mft_compressed(p):

@@ -184,15 +184,25 @@ def ntfs_fls(path):
 
 # ---------------------------------------------------------------- checks
 
+# Boot sector fields.
+BOOT_OEM = slice(3, 11)
+BOOT_BYTES_PER_SECTOR = 11     # u16
+BOOT_SECTORS_PER_CLUSTER = 13  # u8; above 128: 2^(256 - value)
+BOOT_TOTAL_SECTORS = 40        # u64
+BOOT_MFT_CLUSTERS = 48         # u64 $MFT, then u64 $MFTMirr
+BOOT_RECORD_SIZE = 64          # s8; negative: 2^-value bytes, else clusters
+
+
 def geometry(path):
-    b = recipes_read(path, 0, 512)
-    bps = struct.unpack_from("<H", b, 11)[0]
-    spc = b[13] if b[13] <= 128 else 1 << (256 - b[13])
-    total = struct.unpack_from("<Q", b, 40)[0]
-    return bps, bps * spc, total
+    """(bytes per sector, cluster size, total sectors) from the boot sector."""
+    b = read_at(path, 0, 512)
+    bps = struct.unpack_from("<H", b, BOOT_BYTES_PER_SECTOR)[0]
+    spc = b[BOOT_SECTORS_PER_CLUSTER]
+    spc = spc if spc <= 128 else 1 << (256 - spc)
+    return bps, bps * spc, struct.unpack_from("<Q", b, BOOT_TOTAL_SECTORS)[0]
 
 
-def recipes_read(path, off, n):
+def read_at(path, off, n):
     with open(path, "rb") as f:
         f.seek(off)
         return f.read(n)
@@ -237,8 +247,8 @@ def extra_checks(vol, src, dst, content_kept):
     bps, cluster, total = geometry(src)
     backup = total * bps
     if backup + bps <= os.path.getsize(src):
-        a, b = recipes_read(src, backup, bps), recipes_read(dst, backup, bps)
-        if a[3:11] != b"NTFS    " and vol.marker:
+        a, b = read_at(src, backup, bps), read_at(dst, backup, bps)
+        if a[BOOT_OEM] != b"NTFS    " and vol.marker:
             problems.append("the recipe's volume has no backup boot sector at 0x%x" % backup)
         elif a != b:
             problems.append("backup boot sector at 0x%x differs (restored %s)"
@@ -247,13 +257,13 @@ def extra_checks(vol, src, dst, content_kept):
     if log:
         first, count = log[0]
         n = min(count * cluster, LOG_RESTART_BYTES)
-        if recipes_read(src, first * cluster, n) != recipes_read(dst, first * cluster, n):
+        if read_at(src, first * cluster, n) != read_at(dst, first * cluster, n):
             problems.append("the log's restart pages at cluster %d differ" % first)
     if vol.marker:
         bad = []
         for first, count in marker_runs(src):
             for c in range(first, first + count):
-                s, d = recipes_read(src, c * cluster, cluster), recipes_read(dst, c * cluster, cluster)
+                s, d = read_at(src, c * cluster, cluster), read_at(dst, c * cluster, cluster)
                 if not s.strip(b"\0"):
                     bad.append("cluster %d of the SOURCE marker is zero (recipe fault)" % c)
                 elif content_kept and s != d:
@@ -477,11 +487,11 @@ def dirty_log(ctx, name):
         first = int(r.out.split("Starting address:")[1].split(",")[0])
         for page in (0, 4096):
             off = first * cluster + page
-            head = recipes_read(img, off, 512)
+            head = read_at(img, off, 512)
             if head[:4] != b"RSTR":
                 raise Fail("no restart page at 0x%x of the log (sample changed?)" % off)
             flags = off + struct.unpack_from("<H", head, 24)[0] + 14
-            value = struct.unpack("<H", recipes_read(img, flags, 2))[0]
+            value = struct.unpack("<H", read_at(img, flags, 2))[0]
             with open(img, "r+b") as f:
                 f.seek(flags)
                 f.write(struct.pack("<H", value & ~RESTART_CLEAN))
