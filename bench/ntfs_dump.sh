@@ -18,10 +18,9 @@ for tool in mkntfs ntfs-3g ntfsclone ntfsfix umount; do
   command -v $tool >/dev/null || { echo "needs $tool (ntfs-3g, util-linux)" >&2; exit 1; }
 done
 
-# Written through ntfs-3g by one tar extraction. The driver runs in the
-# foreground of a background job, so waiting for it means its last write is
-# done; the tree is made first, in the page cache, so that the copy is the
-# only slow part.
+# The tree generator writes straight into the ntfs-3g mount: no staging copy
+# to write, read back and delete. The driver runs in the foreground of a
+# background job, so waiting for it means its last write is done.
 mnt=$dir/ntfs-mnt driver=
 detach() {
   if [ -n "$driver" ]; then
@@ -31,9 +30,6 @@ detach() {
   fi
 }
 build() {
-  rm -rf ntfs-tree
-  echo "making $vol: generating $files files"
-  python3 "$bench_dir/gentree.py" ntfs-tree "$files" ext
   truncate -s 4G "$1"
   mkntfs -q -F -f -L bench "$1" >/dev/null 2>&1
   mkdir -p "$mnt"
@@ -41,14 +37,10 @@ build() {
   ntfs-3g -o no_detach,big_writes "$1" "$mnt" >/dev/null 2>&1 &
   driver=$!
   until mountpoint -q "$mnt"; do sleep 0.1; done
-  echo "making $vol: copying through FUSE"
-  local start=$SECONDS
-  tar -C ntfs-tree -cf - . | tar -C "$mnt" -xvf - --no-same-owner --no-same-permissions |
-    awk 'NR % 20000 == 0 {print "  " NR " entries copied"; fflush()}'
+  echo "making $vol: writing $files files through FUSE"
+  python3 "$bench_dir/gentree.py" "$mnt/tree" "$files" ext
   detach
   trap - EXIT
-  echo "copied in $((SECONDS - start)) s"
-  rm -rf ntfs-tree
   ntfsfix -n "$1" >/dev/null
 }
 cached "$vol" build
