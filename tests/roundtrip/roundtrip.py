@@ -99,9 +99,9 @@ def round_trip(ctx, vol):
     dst = os.path.join(work, "restored.img")
     vol_size = os.path.getsize(src)
     before = sha256(src)
-    print("== %s (%s, %d bytes)%s" % (vol.name, vol.fs, vol_size, " raw" if vol.raw else " -data" if vol.data
-                                      else " " + ctx.force if ctx.force else ""), flush=True)
     raw = vol.raw or ctx.force == "dd"
+    how = " raw" if raw else " --head" if ctx.force == "head" else " -data" if vol.data else ""
+    print("== %s (%s, %d bytes)%s" % (vol.name, vol.fs, vol_size, how), flush=True)
     out = dump(ctx, src, img, raw=raw, expect_scanner=vol.fs, to_stdout=vol.to_stdout, data=vol.data)
     if sha256(src) != before:
         raise Fail("%s: the source volume changed during the dump" % vol.name)
