@@ -269,6 +269,9 @@ api::status_t NtfsScan::Run() {
   return s;
 }
 
+// What the image keeps of the device's end beyond the marked blocks.
+constexpr uint64_t kTailBytes = 1024;
+
 api::status_t ScanWith(CFileSystemNtfs* fs, api::CLibEnv* env, api::IDeviceRWBlock* dev, api::IMessage* msg,
                        uint32_t scanFlags, uint8_t** bitmap, uint64_t* blockCount, uint32_t* blockShift,
                        uint32_t* problems) {
@@ -276,7 +279,20 @@ api::status_t ScanWith(CFileSystemNtfs* fs, api::CLibEnv* env, api::IDeviceRWBlo
   fs->SetSession(&session);
   QORV_TRY(fs->Mount(session.Device()));
   const NtfsGeometry& geo = fs->Geometry();
-  QORV_TRY(session.CreateBitmap(geo.clusterCount, geo.clusterShift));
+  // The backup boot sector lies right after the volume's last sector, past
+  // the last cluster. The image's tail (the device's last 1024 bytes) holds
+  // it on small sectors; on larger ones it does not, so the bitmap then
+  // takes one more cluster, the one holding it, when the device holds that
+  // cluster whole.
+  uint64_t blocks = geo.clusterCount;
+  const uint64_t deviceBytes = session.Device()->GetSize();
+  const uint64_t backupEnd = geo.volumeBytes + Boot::kSize;
+  const uint64_t extraEnd = (geo.clusterCount + 1) << geo.clusterShift;
+  if (geo.clusterCount < UINT32_MAX && deviceBytes >= kTailBytes && backupEnd <= extraEnd &&
+      geo.volumeBytes < deviceBytes - kTailBytes && extraEnd <= deviceBytes)
+    ++blocks;
+  QORV_TRY(session.CreateBitmap(blocks, geo.clusterShift));
+  if (blocks > geo.clusterCount) session.Mark(geo.clusterCount, 1, "NTFS backup boot sector");
   fs->StartReadMarking(&session.Used());
   NtfsScan scan(session, fs, (scanFlags & api::SCAN_DATA) != 0);
   api::status_t s = scan.Run();
