@@ -27,8 +27,9 @@ struct ScanResult {
 };
 
 inline ScanResult RunScanner(api::ScannerEntry entry, api::IDeviceRWBlock* dev, api::IMessage* msg,
-                             uint32_t flags) {
+                             uint32_t flags, bool verbose = false) {
   TestEnv t;
+  t.env.verbose = verbose;
   ScanResult r;
   uint8_t* bitmap = reinterpret_cast<uint8_t*>(&r);  // must be overwritten
   r.status = entry(&t.env, dev, msg, flags, &bitmap, &r.n, &r.k, &r.problems);
