@@ -469,11 +469,17 @@ TEST(ExFatRealVolumes, KeepAllocatedDirectoryClustersOnly) {
       bool want = used.count(c) || deleted.count(c), must = fresh ? want : deleted.count(c) && !used.count(c);
       for (uint64_t i = 0, blk = offset(c) >> r.k; i < (uint64_t(1) << ratio); ++i) {
         kept += r.Test(blk + i);
-        if (r.Test(blk + i) != want) EXPECT_EQ(r.Test(blk + i), must) << "cluster " << c;
+        if (r.Test(blk + i) != want) {
+          EXPECT_EQ(r.Test(blk + i), must) << "cluster " << c;
+        }
       }
     }
-    if (!fresh) EXPECT_LT((kept >> ratio) * 4, used.size());
-    if (img.find("small_4k") != std::string::npos) EXPECT_FALSE(deleted.empty());
+    if (!fresh) {
+      EXPECT_LT((kept >> ratio) * 4, used.size());
+    }
+    if (img.find("small_4k") != std::string::npos) {
+      EXPECT_FALSE(deleted.empty());
+    }
 
     RecordingMessage dataMsg;
     ScanResult d = Scan(&dev, &dataMsg, api::SCAN_DATA);

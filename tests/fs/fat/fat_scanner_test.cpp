@@ -468,7 +468,9 @@ TEST(FatSamples, RealVolumesFromOtherSystems) {
     EXPECT_EQ(1u << r.k, m.bps * m.spc);
     EXPECT_EQ(r.n, m.fdb + m.limit - 1);
     m.ExpectExactBitmap(r);
-    if (std::string(name) == "fat16_winxp_dftt_undelete") EXPECT_GE(m.deletedDirs.size(), 2u);
+    if (std::string(name) == "fat16_winxp_dftt_undelete") {
+      EXPECT_GE(m.deletedDirs.size(), 2u);
+    }
   }
 }
 
