@@ -1,5 +1,7 @@
 #include "fs/ext/ext_fs.h"
 
+#include "core/checksum.h"
+
 namespace QORV {
 namespace ExtFS2 {
 
@@ -113,6 +115,8 @@ status_t CExtSuperBlock::Parse(ByteView r) {
   backupBgs[1] = r.le32(sbf::kBackupBgs + 4);
   prjQuotaInum = r.le32(sbf::kPrjQuotaInum);
   orphanFileInum = r.le32(sbf::kOrphanFileInum);
+  for (size_t i = 0; i < sbf::kUuidBytes; ++i) uuid[i] = r.u8(sbf::kUuid + i);
+  checksumSeed = (incompat & kIncompatCsumSeed) ? r.le32(sbf::kChecksumSeed) : Crc32c(~0u, uuid, sizeof uuid);
   return api::QORV_OK;
 }
 
@@ -213,13 +217,45 @@ uint64_t CExtFsFileSystem::DescField(uint32_t g, size_t lo, size_t hi) const {
   return v;
 }
 
+bool CExtFsFileSystem::DescriptorVerifies(uint32_t g) const {
+  const bool metadataCsum = sb_.roCompat & kRoCompatMetadataCsum;
+  if (!metadataCsum && !(sb_.roCompat & kRoCompatGdtCsum)) return false;
+  ByteView d = desc_.View().Sub(size_t(g) * sb_.descSize, sb_.descSize);
+  if (!d.Has(0, sb_.descSize)) return false;
+  uint8_t group[4] = {uint8_t(g), uint8_t(g >> 8), uint8_t(g >> 16), uint8_t(g >> 24)};
+  const uint8_t zero[2] = {0, 0};
+  const uint8_t* p = d.Data();
+  const size_t after = gdf::kChecksum + 2;
+  uint16_t sum;
+  if (metadataCsum) {
+    uint32_t c = Crc32c(sb_.checksumSeed, group, sizeof group);
+    c = Crc32c(c, p, gdf::kChecksum);
+    c = Crc32c(c, zero, sizeof zero);
+    sum = uint16_t(Crc32c(c, p + after, sb_.descSize - after));
+  } else {
+    uint16_t c = Crc16(0xFFFF, sb_.uuid, sizeof sb_.uuid);
+    c = Crc16(c, group, sizeof group);
+    c = Crc16(c, p, gdf::kChecksum);
+    // The older checksum leaves the 2 bytes of itself out entirely.
+    sum = sb_.descSize > after ? Crc16(c, p + after, sb_.descSize - after) : c;
+  }
+  return sum == d.le16(gdf::kChecksum);
+}
+
 uint32_t CExtFsFileSystem::InodesInUseOf(uint32_t g) const {
-  if (!(sb_.roCompat & (kRoCompatGdtCsum | kRoCompatMetadataCsum))) return sb_.inodesPerGroup;
+  if (!DescriptorVerifies(g)) return sb_.inodesPerGroup;
   ByteView d = desc_.View().Sub(size_t(g) * sb_.descSize, sb_.descSize);
   if (d.le16(gdf::kFlags) & gdf::kInodeUninit) return 0;
   uint32_t unused = d.le16(gdf::kItableUnusedLo);
   if ((sb_.incompat & kIncompat64Bit) && sb_.descSize >= 64) unused |= uint32_t(d.le16(gdf::kItableUnusedHi)) << 16;
   return unused < sb_.inodesPerGroup ? sb_.inodesPerGroup - unused : 0;
+}
+
+uint32_t CExtFsFileSystem::UsedTableBlocksOf(uint32_t g) const {
+  const uint32_t used = InodesInUseOf(g);
+  if (used == sb_.inodesPerGroup) return TableBlocks();
+  const uint64_t bytes = uint64_t(used) * sb_.inodeSize;
+  return uint32_t((bytes + sb_.BlockSize() - 1) >> sb_.BlockShift());
 }
 
 status_t CExtFsFileSystem::ReadInode(uint64_t number, CExtFsInode* out) {

@@ -20,14 +20,14 @@ constexpr size_t kFeatureCompat = 0x5C, kFeatureIncompat = 0x60, kFeatureRoCompa
 constexpr size_t kReservedGdtBlocks = 0xCE, kJournalInum = 0xE0, kLastOrphan = 0xE8, kDescSize = 0xFE;
 constexpr size_t kFirstMetaBg = 0x104, kBlocksCountHi = 0x150, kMmpBlock = 0x168, kLogGroupsPerFlex = 0x174;
 constexpr size_t kUsrQuotaInum = 0x240, kGrpQuotaInum = 0x244, kBackupBgs = 0x24C, kPrjQuotaInum = 0x26C;
-constexpr size_t kOrphanFileInum = 0x280;
+constexpr size_t kOrphanFileInum = 0x280, kUuid = 0x68, kUuidBytes = 16, kChecksumSeed = 0x270;
 }  // namespace sbf
 
 // Group descriptor fields: low half, and high half in 64-bit descriptors.
 namespace gdf {
 constexpr size_t kBlockBitmapLo = 0x0, kInodeBitmapLo = 0x4, kInodeTableLo = 0x8, kFlags = 0x12;
 constexpr size_t kItableUnusedLo = 0x1C, kBlockBitmapHi = 0x20, kInodeBitmapHi = 0x24, kInodeTableHi = 0x28;
-constexpr size_t kItableUnusedHi = 0x32;
+constexpr size_t kItableUnusedHi = 0x32, kChecksum = 0x1E;
 constexpr uint16_t kInodeUninit = 0x1;
 }  // namespace gdf
 
@@ -58,6 +58,7 @@ constexpr uint32_t kIncompat64Bit = 0x80;
 constexpr uint32_t kIncompatMmp = 0x100;
 constexpr uint32_t kIncompatFlexBg = 0x200;
 constexpr uint32_t kIncompatInlineData = 0x8000;
+constexpr uint32_t kIncompatCsumSeed = 0x2000;
 constexpr uint32_t kIncompatKnown = 0x3A3CE;
 constexpr uint32_t kInodeIndexFl = 0x1000;
 constexpr uint32_t kInodeExtentsFl = 0x80000;
@@ -75,6 +76,8 @@ class CExtSuperBlock : public CUnixSuperBlock {
   uint32_t logGroupsPerFlex = 0, journalInum = 0, lastOrphan = 0, freeInodes = 0;
   uint32_t usrQuotaInum = 0, grpQuotaInum = 0, prjQuotaInum = 0, orphanFileInum = 0;
   uint32_t backupBgs[2] = {0, 0};
+  uint8_t uuid[sbf::kUuidBytes] = {};
+  uint32_t checksumSeed = 0;  // metadata checksums: crc32c of the uuid, or the stored seed
   uint64_t mmpBlock = 0;
   uint32_t groupCount = 0, descBlocks = 0;
   bool readOnlyOnly = false;  // features this driver could only mount read-only
@@ -168,10 +171,14 @@ class CExtFsFileSystem : public CUnixFileSystem {
   uint64_t BlockBitmapOf(uint32_t g) const { return DescField(g, gdf::kBlockBitmapLo, gdf::kBlockBitmapHi); }
   uint64_t InodeBitmapOf(uint32_t g) const { return DescField(g, gdf::kInodeBitmapLo, gdf::kInodeBitmapHi); }
   uint64_t InodeTableOf(uint32_t g) const { return DescField(g, gdf::kInodeTableLo, gdf::kInodeTableHi); }
-  // How many inodes at the start of group g may be in use: all of them,
-  // unless descriptor checksums vouch for an uninitialised or unused tail.
+  // Inodes at the start of group g's table that may be in use: all of them
+  // unless the group's descriptor checksum verifies and says fewer.
   uint32_t InodesInUseOf(uint32_t g) const;
+  // Whether group g's descriptor carries a checksum that verifies.
+  bool DescriptorVerifies(uint32_t g) const;
   uint32_t TableBlocks() const { return uint32_t((uint64_t(sb_.inodeSize) * sb_.inodesPerGroup) >> sb_.BlockShift()); }
+  // The blocks of group g's table that may hold inodes in use.
+  uint32_t UsedTableBlocksOf(uint32_t g) const;
 
   // Random access: a handful of small windows over the inode tables.
   api::status_t ReadInode(uint64_t number, CExtFsInode* out);

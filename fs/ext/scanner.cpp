@@ -101,15 +101,22 @@ void CExtScan::MarkFixed() {
     if (!(sb_.incompat & kIncompatMetaBg))
       session_.Mark(start + 1, uint64_t(sb_.descBlocks) + sb_.reservedGdtBlocks, "backup descriptors");
   }
-  const uint32_t tableBlocks = fs_.TableBlocks();
+  // Only a range that runs off the volume needs its name spelled out.
   char what[48];
+  auto markGroup = [&](uint32_t g, uint64_t first, uint64_t count, const char* kind) {
+    if (fs_.InVolume(first, count)) {
+      session_.Used().Mark(first, count);
+      return;
+    }
+    std::snprintf(what, sizeof what, "group %u %s", g, kind);
+    session_.Mark(first, count, what);
+  };
   for (uint32_t g = 0; g < sb_.groupCount; ++g) {
-    std::snprintf(what, sizeof what, "group %u block bitmap", g);
-    session_.Mark(fs_.BlockBitmapOf(g), 1, what);
-    std::snprintf(what, sizeof what, "group %u inode bitmap", g);
-    session_.Mark(fs_.InodeBitmapOf(g), 1, what);
-    std::snprintf(what, sizeof what, "group %u inode table", g);
-    session_.Mark(fs_.InodeTableOf(g), tableBlocks, what);
+    markGroup(g, fs_.BlockBitmapOf(g), 1, "block bitmap");
+    markGroup(g, fs_.InodeBitmapOf(g), 1, "inode bitmap");
+    // Where the descriptor's checksum vouches for it, the never-used tail of
+    // the table (or all of an uninitialised one) holds nothing to keep.
+    markGroup(g, fs_.InodeTableOf(g), fs_.UsedTableBlocksOf(g), "inode table");
   }
   if ((sb_.incompat & kIncompatMmp) && sb_.mmpBlock) session_.Mark(sb_.mmpBlock, 1, "multi-mount block");
 }
