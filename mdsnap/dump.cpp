@@ -38,6 +38,32 @@ constexpr ScannerSlot kScanners[] = {
     {FS_APFS, ApfsNoCipher, "APFS"},
 };
 
+// Reads count bytes at offset, looping over short reads; false when the
+// descriptor delivers fewer.
+bool PreadAll(int fd, uint64_t offset, uint8_t* buf, uint32_t count) {
+  uint32_t done = 0;
+  while (done < count) {
+    ssize_t n = ::pread(fd, buf + done, count - done, off_t(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += uint32_t(n);
+  }
+  return true;
+}
+
+// The overlay's quiet way down to the volume: the device object reports a
+// failed read on its own, the descriptor does not.
+class DescriptorReader : public QORV::IQuietReader {
+ public:
+  explicit DescriptorReader(int fd) : fd_(fd) {}
+  bool ReadAll(uint64_t offset, void* buffer, uint32_t count) override {
+    return PreadAll(fd_, offset, static_cast<uint8_t*>(buffer), count);
+  }
+
+ private:
+  int fd_;
+};
+
 }  // namespace
 
 const ScannerSlot* FindScanner(uint32_t bit) {
@@ -47,9 +73,10 @@ const ScannerSlot* FindScanner(uint32_t bit) {
 }
 
 status_t RecognizeAndScan(uint32_t fsMask, CLibEnv* env, IDeviceRWBlock* device, IMessage* msg, uint32_t scanFlags,
-                          ScanResult* out) {
+                          ScanResult* out, int deviceFd) {
   *out = ScanResult();
-  QORV::CRWBlockMemMdSnap overlay(env, device);
+  DescriptorReader quiet(deviceFd);
+  QORV::CRWBlockMemMdSnap overlay(env, device, deviceFd >= 0 ? &quiet : nullptr);
   IDeviceRWBlock* dev = (scanFlags & SCAN_NO_JOURNAL) ? device : &overlay;
   status_t status = ERR_NOT_RECOGNIZED;
   for (uint64_t bit = 1; bit <= 0x80000000u; bit <<= 1) {
@@ -134,13 +161,7 @@ status_t HeadOnlyBitmap(CLibEnv* env, IDeviceRWBlock* device, IMessage* msg, Sca
 // end (a scanner's block that straddles a truncated volume) come back as zeros.
 static bool ReadVolume(int fd, uint64_t volumeSize, uint64_t offset, uint8_t* buf, uint32_t len) {
   uint32_t inside = offset >= volumeSize ? 0 : uint32_t(volumeSize - offset < len ? volumeSize - offset : len);
-  uint32_t done = 0;
-  while (done < inside) {
-    ssize_t n = ::pread(fd, buf + done, inside - done, off_t(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += uint32_t(n);
-  }
+  if (!PreadAll(fd, offset, buf, inside)) return false;
   std::memset(buf + inside, 0, len - inside);
   return true;
 }
@@ -162,7 +183,7 @@ status_t Dump(RunContext& ctx) {
   } else {
     status_t s = (opt.scanFlags & SCAN_HEAD_ONLY)
                      ? HeadOnlyBitmap(ctx.env, ctx.device, msg, &scan)
-                     : RecognizeAndScan(opt.fsMask, ctx.env, ctx.device, msg, opt.scanFlags, &scan);
+                     : RecognizeAndScan(opt.fsMask, ctx.env, ctx.device, msg, opt.scanFlags, &scan, ctx.deviceFd);
     *ctx.bitmap = scan.bitmap;
     if (s == ERR_NOT_RECOGNIZED) {
       msg->Trace(1, "Couldn't recognize FS, try '--head' option to capture only header/tail of volume.");
