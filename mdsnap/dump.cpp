@@ -225,24 +225,33 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
   FormatHeader(header, volumeSectors, ctx.volumeSize, n, k, ctx.deviceName);
   uint64_t bitmapBytes = BitmapBytes(n), dataOffset = DataOffset(n);
   IMessage* splitLog = verbose ? msg : nullptr;
+  ImageWriter out(ctx.imageFd);
   do {
-    if (!WriteAll(ctx.imageFd, header, kHeaderSize, nullptr)) {
+    if (!out.Write(header, kHeaderSize, nullptr)) {
       msg->Trace(1, "failed to write header: %s", std::strerror(errno));
       status = ERR_WRITE_FAILED;
       break;
     }
-    if (!WriteAll(ctx.imageFd, scan.bitmap, bitmapBytes, splitLog)) {
+    if (!out.Write(scan.bitmap, bitmapBytes, splitLog)) {
       msg->Trace(1, "failed to write bitmap to dump file");
       status = ERR_WRITE_FAILED;
       break;
     }
     if (verbose) msg->Trace(1, "DataOffset %zx\n", size_t(dataOffset));
     std::memset(ctx.work, 0, 4096);
-    if (!WriteAll(ctx.imageFd, ctx.work, dataOffset - kHeaderSize - bitmapBytes, splitLog)) {
+    if (!out.Write(ctx.work, dataOffset - kHeaderSize - bitmapBytes, splitLog)) {
       msg->Trace(1, "failed to write aligned tail to dump file");
       status = ERR_WRITE_FAILED;
       break;
     }
+    // Runs follow each other in the image, so the work buffer gathers as many
+    // as it holds and goes out in one write.
+    uint32_t filled = 0;
+    auto flush = [&]() {
+      bool ok = out.Write(ctx.work, filled, splitLog);
+      filled = 0;
+      return ok;
+    };
     QORV::RunWalker runs(scan.bitmap, n, maxRun);
     uint64_t first, count;
     while (status == QORV_OK && runs.Next(&first, &count)) {
@@ -253,25 +262,35 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
       }
       uint64_t offset = first << k, bytes = count << k;
       for (uint64_t done = 0; done < bytes;) {
-        uint32_t piece = uint32_t(bytes - done < kWorkBufferSize ? bytes - done : kWorkBufferSize);
-        if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work, piece)) {
+        uint32_t room = kWorkBufferSize - filled;
+        uint32_t piece = uint32_t(bytes - done < room ? bytes - done : room);
+        if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work + filled, piece)) {
+          flush();
           msg->Trace(1, "failed to read device");
           status = ERR_SHORT_IO;
           break;
         }
-        if (!WriteAll(ctx.imageFd, ctx.work, piece, splitLog)) {
+        filled += piece;
+        done += piece;
+        data += piece;
+        if (filled == kWorkBufferSize && !flush()) {
           msg->Trace(1, "failed to write dump file");
           status = ERR_WRITE_FAILED;
           break;
         }
-        done += piece;
-        data += piece;
       }
       lastRead = offset + bytes;
     }
+    if (status == QORV_OK && filled && !flush()) {
+      msg->Trace(1, "failed to write dump file");
+      status = ERR_WRITE_FAILED;
+    }
   } while (false);
   msg->EndProgress();
-  if (status != QORV_OK) return status;
+  if (status != QORV_OK) {
+    out.Finish();
+    return status;
+  }
 
   const char* suffix = "";
   if (verbose) msg->Trace(1, "Try to dump tail of volume. last read 0x%" PRIx64 "\n", lastRead);
@@ -280,13 +299,17 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
     ssize_t got = ::pread(ctx.deviceFd, ctx.work, kTailSize, off_t(at));
     if (got < ssize_t(kTailMin)) {
       if (verbose) msg->Trace(1, "%d: Failed to read last 1024 bytes st 0x%" PRIx64 "\n", int(got), at);
-    } else if (!WriteAll(ctx.imageFd, ctx.work, uint64_t(got), nullptr)) {
+    } else if (!out.Write(ctx.work, uint64_t(got), nullptr)) {
       msg->Trace(1, "failed to backup tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
     } else {
       data += uint64_t(got);
       suffix = " (including tail)";
       if (verbose) msg->Trace(1, "Dumped 0x%x last bytes\n", unsigned(got));
     }
+  }
+  if (!out.Finish()) {
+    msg->Trace(1, "failed to write dump file");
+    return ERR_WRITE_FAILED;
   }
   uint64_t imageSize = dataOffset + data;
   SizeGb imageGb = ToGb(imageSize);
