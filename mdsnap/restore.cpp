@@ -143,9 +143,6 @@ status_t Restore(RunContext& ctx) {
       if (imageBytes <= uint64_t(INT64_MAX) && ::ftruncate(ctx.deviceFd, off_t(imageBytes)) == 0) {
         targetSize = imageBytes;
         growable = true;
-        // A file cut shorter reads zeros from its new end on.
-        uint64_t from = HolesFrom(ctx.deviceFd);
-        if (from < holesFrom) holesFrom = from;
       } else {
         std::fprintf(stderr, "failed to resize file\n");
       }
