@@ -1,5 +1,6 @@
 // The dump: recognise the file system (or apply the head-only or raw rule),
 // then write header, bitmap, padding, every marked block and the tail.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -166,6 +167,54 @@ static bool ReadVolume(int fd, uint64_t volumeSize, uint64_t offset, uint8_t* bu
   return true;
 }
 
+namespace {
+
+// The holes of a volume kept in a regular file read as zeros, so the copy
+// hands them to the image as zeros instead of reading them. Any other
+// volume, or a file whose file system cannot say, is all data.
+class VolumeHoles {
+ public:
+  VolumeHoles(int fd, uint64_t size) : fd_(fd), size_(size) {
+    struct stat st {};
+    usable_ = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  }
+  // How many bytes from offset on (at most len) are all hole (*hole) or all data.
+  uint64_t Extent(uint64_t offset, uint64_t len, bool* hole) {
+    *hole = false;
+    if (!usable_ || offset >= size_) return len;
+    if (offset < from_ || offset >= to_) Look(offset);
+    *hole = hole_;
+    return to_ - offset < len ? to_ - offset : len;
+  }
+
+ private:
+  void Look(uint64_t offset) {
+    from_ = offset;
+    off_t data = ::lseek(fd_, off_t(offset), SEEK_DATA);
+    if (data < 0 && errno == ENXIO) data = off_t(size_);  // nothing but a hole up to the end
+    if (data >= 0 && uint64_t(data) > offset) {
+      hole_ = true;
+      to_ = uint64_t(data) < size_ ? uint64_t(data) : size_;
+      return;
+    }
+    off_t end = data < 0 ? -1 : ::lseek(fd_, off_t(offset), SEEK_HOLE);
+    hole_ = false;
+    to_ = end > off_t(offset) ? uint64_t(end) : UINT64_MAX;
+    if (end <= off_t(offset)) usable_ = false;
+  }
+
+  int fd_;
+  uint64_t size_;
+  bool usable_;
+  bool hole_ = false;
+  uint64_t from_ = 0, to_ = 0;  // the extent last looked up
+};
+
+// Shorter holes are read like data: not worth a write of their own.
+constexpr uint64_t kHoleSkipMin = 64 * 1024;
+
+}  // namespace
+
 status_t Dump(RunContext& ctx) {
   const Options& opt = *ctx.opt;
   IMessage* msg = ctx.msg;
@@ -252,6 +301,7 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
       filled = 0;
       return ok;
     };
+    VolumeHoles holes(ctx.deviceFd, ctx.volumeSize);
     QORV::RunWalker runs(scan.bitmap, n, maxRun);
     uint64_t first, count;
     while (status == QORV_OK && runs.Next(&first, &count)) {
@@ -262,8 +312,20 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
       }
       uint64_t offset = first << k, bytes = count << k;
       for (uint64_t done = 0; done < bytes;) {
+        bool hole;
+        uint64_t span = holes.Extent(offset + done, bytes - done, &hole);
+        if (hole && span >= kHoleSkipMin) {
+          if ((filled && !flush()) || !out.Zeros(span)) {
+            msg->Trace(1, "failed to write dump file");
+            status = ERR_WRITE_FAILED;
+            break;
+          }
+          done += span;
+          data += span;
+          continue;
+        }
         uint32_t room = kWorkBufferSize - filled;
-        uint32_t piece = uint32_t(bytes - done < room ? bytes - done : room);
+        uint32_t piece = uint32_t(span < room ? span : room);
         if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work + filled, piece)) {
           flush();
           msg->Trace(1, "failed to read device");

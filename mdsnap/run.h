@@ -53,11 +53,15 @@ class ImageWriter {
  public:
   explicit ImageWriter(int fd);
   bool Write(const void* buf, uint64_t len, api::IMessage* verbose);
+  // len zero bytes, with no buffer to read them from.
+  bool Zeros(uint64_t len);
   // A file that ends in a hole gets its full size; the file position is left
   // at the image's end, as plain writes would leave it.
   bool Finish();
 
  private:
+  bool Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage* verbose);
+
   int fd_;
   bool positioned_ = false;
   uint64_t pos_ = 0;

@@ -78,7 +78,20 @@ ImageWriter::ImageWriter(int fd) : fd_(fd) {
 }
 
 bool ImageWriter::Write(const void* buf, uint64_t len, api::IMessage* verbose) {
-  const uint8_t* p = static_cast<const uint8_t*>(buf);
+  return Put(static_cast<const uint8_t*>(buf), len, false, verbose);
+}
+
+bool ImageWriter::Zeros(uint64_t len) {
+  static const uint8_t kZeros[1 << 20] = {};
+  for (uint64_t done = 0; done < len;) {
+    uint64_t piece = len - done < sizeof kZeros ? len - done : sizeof kZeros;
+    if (!Put(kZeros, piece, true, nullptr)) return false;
+    done += piece;
+  }
+  return true;
+}
+
+bool ImageWriter::Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage* verbose) {
   if (!positioned_) return WriteAll(fd_, p, len, verbose);
   // Whole aligned blocks of zeros past the old end are skipped; everything
   // between them goes out in one call.
@@ -87,7 +100,7 @@ bool ImageWriter::Write(const void* buf, uint64_t len, api::IMessage* verbose) {
     uint64_t at = pos_ + done + pending;
     uint64_t piece = kHoleBlock - at % kHoleBlock;
     if (piece > len - done - pending) piece = len - done - pending;
-    if (at >= holesFrom_ && piece == kHoleBlock && IsZero(p + done + pending, kHoleBlock)) {
+    if (at >= holesFrom_ && piece == kHoleBlock && (zeros || IsZero(p + done + pending, kHoleBlock))) {
       if (pending && !PwriteAll(fd_, p + done, pending, pos_ + done, done, verbose)) return false;
       done += pending + piece;
       pending = 0;
