@@ -312,8 +312,10 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
       }
       uint64_t offset = first << k, bytes = count << k;
       for (uint64_t done = 0; done < bytes;) {
-        bool hole;
-        uint64_t span = holes.Extent(offset + done, bytes - done, &hole);
+        // A hole worth skipping needs a run at least that long.
+        bool hole = false;
+        uint64_t span = bytes - done;
+        if (span >= kHoleSkipMin) span = holes.Extent(offset + done, span, &hole);
         if (hole && span >= kHoleSkipMin) {
           if ((filled && !flush()) || !out.Zeros(span)) {
             msg->Trace(1, "failed to write dump file");
