@@ -76,22 +76,47 @@ cached() {
   echo "built $file in $((SECONDS - start)) s"
 }
 
-# against_tool NAME OUTPUT COMMAND...: rounds of mdsnap dumping $vol into
+# against_tool FS NAME OUTPUT COMMAND...: rounds of mdsnap dumping $vol into
 # out.mds alternating with COMMAND, a tool writing the sparse image OUTPUT;
-# then times, sizes (size target $size_target) and the image check.
+# then times, sizes (targets $time_target, $size_target) and the image check.
+# Both images are sparse: their sizes are compared as allocated bytes.
 against_tool() {
-  local name=$1 output=$2; shift 2
+  local fs=$1 name=$2 output=$3; shift 3
   local cmd=("$@")
   rm -f ./*.times
   mine() { rm -f out.mds; run mdsnap_dump "$bin" --dump --silent -f:out.mds "$vol"; }
   theirs() { rm -f "$output"; run "$name" "${cmd[@]}"; }
   rotate mine theirs
   table mdsnap_dump "$name"
-  echo "time ratio mdsnap/$name $(ratio mdsnap_dump "$name")x (target <= 1.00x)"
-  awk -v a="$(stat -c %s out.mds)" -v b="$(allocated "$output")" -v s="$(stat -c %s "$output")" -v t="$name" \
-      -v l="$size_target" 'BEGIN {
-    printf "image bytes: mdsnap %.0f (file size), %s %.0f allocated (%.0f apparent); ratio %.3f (target <= %s)\n",
-           a, t, b, s, a / b, l }'
+  local tr sr
+  tr=$(ratio mdsnap_dump "$name")
+  sr=$(awk -v a="$(allocated out.mds)" -v b="$(allocated "$output")" 'BEGIN {printf "%.3f", a / b}')
+  echo "time ratio mdsnap/$name ${tr}x (target <= ${time_target}x)"
+  echo "image bytes allocated: mdsnap $(allocated out.mds) ($(stat -c %s out.mds) apparent)," \
+       "$name $(allocated "$output") ($(stat -c %s "$output") apparent); ratio $sr (target <= $size_target)"
+  result "$fs" "$name" time "$tr" "$time_target"
+  result "$fs" "$name" "image data" "$sr" "$size_target"
   python3 "$bench_dir/imageruns.py" check out.mds "$vol"
   rm -f out.mds "$output"
+}
+
+# build_ext FILES SIZE OUT: an ext4 volume of SIZE holding FILES generated
+# files, copied in by mkfs (no mount needed).
+build_ext() {
+  local files=$1 size=$2 out=$3 tree=ext-tree-$1
+  rm -rf "$tree"
+  echo "making $out: generating $files files"
+  python3 "$bench_dir/gentree.py" "$tree" "$files" ext
+  truncate -s "$size" "$out"
+  echo "making $out: mkfs.ext4 -d"
+  mkfs.ext4 -F -q -L bench -d "$tree" "$out"
+  rm -rf "$tree"
+  e2fsck -fn "$out" >/dev/null 2>&1
+}
+
+# result FS PEER WHAT RATIO TARGET: one line that bench/all.sh gathers into
+# its table; met when RATIO <= TARGET.
+result() {
+  awk -v fs="$1" -v peer="$2" -v what="$3" -v r="$4" -v t="$5" 'BEGIN {
+    printf "result: %s | %s | %s | %.2fx | <= %.2fx | %s\n", fs, peer, what, r, t, (r + 0 <= t + 0 ? "met" : "MISSED") }'
 }

@@ -10,11 +10,25 @@
 
 namespace QORV {
 
+// Another way down to the wrapped device's bytes, one that reports nothing
+// when it fails. The overlay reads whole ranges through it; a range it cannot
+// read is read again sector by sector from the wrapped device, which then
+// reports the failure as it always has, once.
+class IQuietReader {
+ public:
+  virtual bool ReadAll(uint64_t offset, void* buffer, uint32_t count) = 0;
+
+ protected:
+  ~IQuietReader() = default;
+};
+
 class CRWBlockMemMdSnap : public api::CRWBlockA {
  public:
   static constexpr uint32_t kSector = 512;
 
-  CRWBlockMemMdSnap(api::CLibEnv* env, api::IDeviceRWBlock* lower) : env_(env), lower_(lower) {}
+  // Without a quiet reader every read goes down in pieces of one sector.
+  CRWBlockMemMdSnap(api::CLibEnv* env, api::IDeviceRWBlock* lower, IQuietReader* quiet = nullptr)
+      : env_(env), lower_(lower), quiet_(quiet) {}
   ~CRWBlockMemMdSnap() override {}  // the owner calls Empty()
 
   bool IsReadOnly() override { return false; }
@@ -38,8 +52,11 @@ class CRWBlockMemMdSnap : public api::CRWBlockA {
   uint64_t SectorCount() const { return sectors_.size(); }
 
  private:
+  api::status_t ReadBelow(uint64_t offset, uint8_t* out, uint32_t count, uint32_t flags);
+
   api::CLibEnv* env_;
   api::IDeviceRWBlock* lower_;
+  IQuietReader* quiet_;
   uint32_t reserved_ = 0;
   std::map<uint64_t, uint8_t*> sectors_;  // sector number -> 512-byte buffer from env_->mem
 };

@@ -1,5 +1,6 @@
 // The dump: recognise the file system (or apply the head-only or raw rule),
 // then write header, bitmap, padding, every marked block and the tail.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -38,6 +39,32 @@ constexpr ScannerSlot kScanners[] = {
     {FS_APFS, ApfsNoCipher, "APFS"},
 };
 
+// Reads count bytes at offset, looping over short reads; false when the
+// descriptor delivers fewer.
+bool PreadAll(int fd, uint64_t offset, uint8_t* buf, uint32_t count) {
+  uint32_t done = 0;
+  while (done < count) {
+    ssize_t n = ::pread(fd, buf + done, count - done, off_t(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += uint32_t(n);
+  }
+  return true;
+}
+
+// The overlay's quiet way down to the volume: the device object reports a
+// failed read on its own, the descriptor does not.
+class DescriptorReader : public QORV::IQuietReader {
+ public:
+  explicit DescriptorReader(int fd) : fd_(fd) {}
+  bool ReadAll(uint64_t offset, void* buffer, uint32_t count) override {
+    return PreadAll(fd_, offset, static_cast<uint8_t*>(buffer), count);
+  }
+
+ private:
+  int fd_;
+};
+
 }  // namespace
 
 const ScannerSlot* FindScanner(uint32_t bit) {
@@ -47,9 +74,10 @@ const ScannerSlot* FindScanner(uint32_t bit) {
 }
 
 status_t RecognizeAndScan(uint32_t fsMask, CLibEnv* env, IDeviceRWBlock* device, IMessage* msg, uint32_t scanFlags,
-                          ScanResult* out) {
+                          ScanResult* out, int deviceFd) {
   *out = ScanResult();
-  QORV::CRWBlockMemMdSnap overlay(env, device);
+  DescriptorReader quiet(deviceFd);
+  QORV::CRWBlockMemMdSnap overlay(env, device, deviceFd >= 0 ? &quiet : nullptr);
   IDeviceRWBlock* dev = (scanFlags & SCAN_NO_JOURNAL) ? device : &overlay;
   status_t status = ERR_NOT_RECOGNIZED;
   for (uint64_t bit = 1; bit <= 0x80000000u; bit <<= 1) {
@@ -134,16 +162,58 @@ status_t HeadOnlyBitmap(CLibEnv* env, IDeviceRWBlock* device, IMessage* msg, Sca
 // end (a scanner's block that straddles a truncated volume) come back as zeros.
 static bool ReadVolume(int fd, uint64_t volumeSize, uint64_t offset, uint8_t* buf, uint32_t len) {
   uint32_t inside = offset >= volumeSize ? 0 : uint32_t(volumeSize - offset < len ? volumeSize - offset : len);
-  uint32_t done = 0;
-  while (done < inside) {
-    ssize_t n = ::pread(fd, buf + done, inside - done, off_t(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += uint32_t(n);
-  }
+  if (!PreadAll(fd, offset, buf, inside)) return false;
   std::memset(buf + inside, 0, len - inside);
   return true;
 }
+
+namespace {
+
+// The holes of a volume kept in a regular file read as zeros, so the copy
+// hands them to the image as zeros instead of reading them. Any other
+// volume, or a file whose file system cannot say, is all data.
+class VolumeHoles {
+ public:
+  VolumeHoles(int fd, uint64_t size) : fd_(fd), size_(size) {
+    struct stat st {};
+    usable_ = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  }
+  // How many bytes from offset on (at most len) are all hole (*hole) or all data.
+  uint64_t Extent(uint64_t offset, uint64_t len, bool* hole) {
+    *hole = false;
+    if (!usable_ || offset >= size_) return len;
+    if (offset < from_ || offset >= to_) Look(offset);
+    *hole = hole_;
+    return to_ - offset < len ? to_ - offset : len;
+  }
+
+ private:
+  void Look(uint64_t offset) {
+    from_ = offset;
+    off_t data = ::lseek(fd_, off_t(offset), SEEK_DATA);
+    if (data < 0 && errno == ENXIO) data = off_t(size_);  // nothing but a hole up to the end
+    if (data >= 0 && uint64_t(data) > offset) {
+      hole_ = true;
+      to_ = uint64_t(data) < size_ ? uint64_t(data) : size_;
+      return;
+    }
+    off_t end = data < 0 ? -1 : ::lseek(fd_, off_t(offset), SEEK_HOLE);
+    hole_ = false;
+    to_ = end > off_t(offset) ? uint64_t(end) : UINT64_MAX;
+    if (end <= off_t(offset)) usable_ = false;
+  }
+
+  int fd_;
+  uint64_t size_;
+  bool usable_;
+  bool hole_ = false;
+  uint64_t from_ = 0, to_ = 0;  // the extent last looked up
+};
+
+// Shorter holes are read like data: not worth a write of their own.
+constexpr uint64_t kHoleSkipMin = 64 * 1024;
+
+}  // namespace
 
 status_t Dump(RunContext& ctx) {
   const Options& opt = *ctx.opt;
@@ -162,7 +232,7 @@ status_t Dump(RunContext& ctx) {
   } else {
     status_t s = (opt.scanFlags & SCAN_HEAD_ONLY)
                      ? HeadOnlyBitmap(ctx.env, ctx.device, msg, &scan)
-                     : RecognizeAndScan(opt.fsMask, ctx.env, ctx.device, msg, opt.scanFlags, &scan);
+                     : RecognizeAndScan(opt.fsMask, ctx.env, ctx.device, msg, opt.scanFlags, &scan, ctx.deviceFd);
     *ctx.bitmap = scan.bitmap;
     if (s == ERR_NOT_RECOGNIZED) {
       msg->Trace(1, "Couldn't recognize FS, try '--head' option to capture only header/tail of volume.");
@@ -204,24 +274,34 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
   FormatHeader(header, volumeSectors, ctx.volumeSize, n, k, ctx.deviceName);
   uint64_t bitmapBytes = BitmapBytes(n), dataOffset = DataOffset(n);
   IMessage* splitLog = verbose ? msg : nullptr;
+  ImageWriter out(ctx.imageFd);
   do {
-    if (!WriteAll(ctx.imageFd, header, kHeaderSize, nullptr)) {
+    if (!out.Write(header, kHeaderSize, nullptr)) {
       msg->Trace(1, "failed to write header: %s", std::strerror(errno));
       status = ERR_WRITE_FAILED;
       break;
     }
-    if (!WriteAll(ctx.imageFd, scan.bitmap, bitmapBytes, splitLog)) {
+    if (!out.Write(scan.bitmap, bitmapBytes, splitLog)) {
       msg->Trace(1, "failed to write bitmap to dump file");
       status = ERR_WRITE_FAILED;
       break;
     }
     if (verbose) msg->Trace(1, "DataOffset %zx\n", size_t(dataOffset));
     std::memset(ctx.work, 0, 4096);
-    if (!WriteAll(ctx.imageFd, ctx.work, dataOffset - kHeaderSize - bitmapBytes, splitLog)) {
+    if (!out.Write(ctx.work, dataOffset - kHeaderSize - bitmapBytes, splitLog)) {
       msg->Trace(1, "failed to write aligned tail to dump file");
       status = ERR_WRITE_FAILED;
       break;
     }
+    // Runs follow each other in the image, so the work buffer gathers as many
+    // as it holds and goes out in one write.
+    uint32_t filled = 0;
+    auto flush = [&]() {
+      bool ok = out.Write(ctx.work, filled, splitLog);
+      filled = 0;
+      return ok;
+    };
+    VolumeHoles holes(ctx.deviceFd, ctx.volumeSize);
     QORV::RunWalker runs(scan.bitmap, n, maxRun);
     uint64_t first, count;
     while (status == QORV_OK && runs.Next(&first, &count)) {
@@ -232,25 +312,49 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
       }
       uint64_t offset = first << k, bytes = count << k;
       for (uint64_t done = 0; done < bytes;) {
-        uint32_t piece = uint32_t(bytes - done < kWorkBufferSize ? bytes - done : kWorkBufferSize);
-        if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work, piece)) {
+        // A hole worth skipping needs a run at least that long.
+        bool hole = false;
+        uint64_t span = bytes - done;
+        if (span >= kHoleSkipMin) span = holes.Extent(offset + done, span, &hole);
+        if (hole && span >= kHoleSkipMin) {
+          if ((filled && !flush()) || !out.Zeros(span)) {
+            msg->Trace(1, "failed to write dump file");
+            status = ERR_WRITE_FAILED;
+            break;
+          }
+          done += span;
+          data += span;
+          continue;
+        }
+        uint32_t room = kWorkBufferSize - filled;
+        uint32_t piece = uint32_t(span < room ? span : room);
+        if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work + filled, piece)) {
+          flush();
           msg->Trace(1, "failed to read device");
           status = ERR_SHORT_IO;
           break;
         }
-        if (!WriteAll(ctx.imageFd, ctx.work, piece, splitLog)) {
+        filled += piece;
+        done += piece;
+        data += piece;
+        if (filled == kWorkBufferSize && !flush()) {
           msg->Trace(1, "failed to write dump file");
           status = ERR_WRITE_FAILED;
           break;
         }
-        done += piece;
-        data += piece;
       }
       lastRead = offset + bytes;
     }
+    if (status == QORV_OK && filled && !flush()) {
+      msg->Trace(1, "failed to write dump file");
+      status = ERR_WRITE_FAILED;
+    }
   } while (false);
   msg->EndProgress();
-  if (status != QORV_OK) return status;
+  if (status != QORV_OK) {
+    out.Finish();
+    return status;
+  }
 
   const char* suffix = "";
   if (verbose) msg->Trace(1, "Try to dump tail of volume. last read 0x%" PRIx64 "\n", lastRead);
@@ -259,13 +363,17 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
     ssize_t got = ::pread(ctx.deviceFd, ctx.work, kTailSize, off_t(at));
     if (got < ssize_t(kTailMin)) {
       if (verbose) msg->Trace(1, "%d: Failed to read last 1024 bytes st 0x%" PRIx64 "\n", int(got), at);
-    } else if (!WriteAll(ctx.imageFd, ctx.work, uint64_t(got), nullptr)) {
+    } else if (!out.Write(ctx.work, uint64_t(got), nullptr)) {
       msg->Trace(1, "failed to backup tail of volume. Not critical. \"%s\"\n", std::strerror(errno));
     } else {
       data += uint64_t(got);
       suffix = " (including tail)";
       if (verbose) msg->Trace(1, "Dumped 0x%x last bytes\n", unsigned(got));
     }
+  }
+  if (!out.Finish()) {
+    msg->Trace(1, "failed to write dump file");
+    return ERR_WRITE_FAILED;
   }
   uint64_t imageSize = dataOffset + data;
   SizeGb imageGb = ToGb(imageSize);

@@ -20,23 +20,54 @@ using namespace api;
 // Writes len bytes at offset and says in *written how many landed. Bytes past
 // the end of the target are dropped: the size checks before the first write
 // keep every stored block inside the target, so only a device that reports a
-// wrong size gets here, and it must not be written past its end.
-static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t offset, const uint8_t* buf, uint32_t len,
-                            IMessage* msg, uint64_t* written) {
+// wrong size gets here, and it must not be written past its end. Aligned
+// blocks of zeros at or past holesFrom are not written: a regular file
+// already reads zeros there, and stays sparse.
+static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t holesFrom, uint64_t offset, const uint8_t* buf,
+                            uint32_t len, IMessage* msg, uint64_t* written) {
   *written = 0;
   if (offset >= targetSize) return QORV_OK;
   if (targetSize - offset < len) len = uint32_t(targetSize - offset);
-  ssize_t n = ::pwrite(fd, buf, len, off_t(offset));
-  if (n <= 0) {
-    msg->Trace(1, "failed to write device: %s", std::strerror(n < 0 ? errno : ENOSPC));
-    return ERR_WRITE_FAILED;
+  uint32_t done = 0, pending = 0;  // pending: bytes from done not yet written
+  auto put = [&]() {
+    while (pending) {
+      ssize_t n = ::pwrite(fd, buf + done, pending, off_t(offset + done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0 && done == 0) {
+        msg->Trace(1, "failed to write device: %s", std::strerror(n < 0 ? errno : ENOSPC));
+        return ERR_WRITE_FAILED;
+      }
+      if (uint32_t(n) != pending) {
+        std::fprintf(stderr, "failed to write to device %zd instead of %u)\n", ssize_t(done) + (n > 0 ? n : 0), len);
+        return ERR_WRITE_FAILED;
+      }
+      done += pending;
+      pending = 0;
+    }
+    return QORV_OK;
+  };
+  while (done + pending < len) {
+    uint64_t at = offset + done + pending;
+    uint32_t piece = kHoleBlock - uint32_t(at % kHoleBlock);
+    if (piece > len - done - pending) piece = len - done - pending;
+    if (at >= holesFrom && piece == kHoleBlock && IsZero(buf + done + pending, kHoleBlock)) {
+      QORV_TRY(put());
+      done += piece;
+    } else {
+      pending += piece;
+    }
   }
-  if (uint32_t(n) != len) {
-    std::fprintf(stderr, "failed to write to device %zd instead of %u)\n", n, len);
-    return ERR_WRITE_FAILED;
-  }
+  QORV_TRY(put());
   *written = len;
   return QORV_OK;
+}
+
+// Where a restore may leave holes: past the old end of a regular file (all
+// of a file that -c created). Never on a device.
+static uint64_t HolesFrom(int fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return UINT64_MAX;
+  return (uint64_t(st.st_size) + kHoleBlock - 1) & ~uint64_t(kHoleBlock - 1);
 }
 
 // One past the highest block whose bit is set (bits past n do not count).
@@ -72,6 +103,7 @@ status_t Restore(RunContext& ctx) {
   uint64_t targetSize = ctx.volumeSize;
   uint64_t targetSectors = targetSize >> ctx.sectorLog2;
   SizeGb targetGb = ToGb(targetSize);
+  uint64_t holesFrom = HolesFrom(ctx.deviceFd);
 
   char raw[kHeaderSize];
   ssize_t got = ::read(ctx.imageFd, raw, kHeaderSize);
@@ -207,7 +239,7 @@ status_t Restore(RunContext& ctx) {
           break;
         }
         uint64_t written;
-        status = WriteTarget(ctx.deviceFd, targetSize, offset + done, ctx.work, piece, msg, &written);
+        status = WriteTarget(ctx.deviceFd, targetSize, holesFrom, offset + done, ctx.work, piece, msg, &written);
         done += piece;
         restored += written;
       }

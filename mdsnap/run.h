@@ -40,4 +40,32 @@ bool ReadAll(int fd, void* buf, uint64_t len, api::IMessage* verbose);
 // Reads up to len bytes, looping over short reads; returns the count read.
 uint64_t ReadUpTo(int fd, void* buf, uint64_t len);
 
+// Holes are made of whole aligned blocks of this size.
+constexpr uint32_t kHoleBlock = 4096;
+bool IsZero(const uint8_t* p, uint32_t len);
+
+// The image stream of a dump, written front to back. Into a regular file the
+// writes are positioned, and aligned blocks of zeros that lie at or beyond
+// the file's old end (all of a new or emptied file) are left as holes, which
+// read back as zeros; below the old end an existing file's bytes are all
+// overwritten, so none of them shows through. A pipe gets every byte.
+class ImageWriter {
+ public:
+  explicit ImageWriter(int fd);
+  bool Write(const void* buf, uint64_t len, api::IMessage* verbose);
+  // len zero bytes, with no buffer to read them from.
+  bool Zeros(uint64_t len);
+  // A file that ends in a hole gets its full size; the file position is left
+  // at the image's end, as plain writes would leave it.
+  bool Finish();
+
+ private:
+  bool Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage* verbose);
+
+  int fd_;
+  bool positioned_ = false;
+  uint64_t pos_ = 0;
+  uint64_t holesFrom_ = UINT64_MAX;
+};
+
 }  // namespace mdsnap

@@ -25,9 +25,10 @@ struct ScanResult {
 const ScannerSlot* FindScanner(uint32_t bit);
 
 // Tries the scanners of fsMask's bits, lowest first, each over a fresh
-// copy-on-write overlay (or the device itself with SCAN_NO_JOURNAL).
+// copy-on-write overlay (or the device itself with SCAN_NO_JOURNAL). With the
+// device's descriptor, the overlay reads large ranges straight from it.
 api::status_t RecognizeAndScan(uint32_t fsMask, api::CLibEnv* env, api::IDeviceRWBlock* device, api::IMessage* msg,
-                               uint32_t scanFlags, ScanResult* out);
+                               uint32_t scanFlags, ScanResult* out, int deviceFd = -1);
 
 // "--head": the first 20 MiB and the last 1 MiB, by a fixed rule.
 api::status_t HeadOnlyBitmap(api::CLibEnv* env, api::IDeviceRWBlock* device, api::IMessage* msg, ScanResult* out);

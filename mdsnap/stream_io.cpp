@@ -1,6 +1,9 @@
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "mdsnap/run.h"
 
@@ -32,6 +35,90 @@ bool WriteAll(int fd, const void* buf, uint64_t len, api::IMessage* verbose) {
 
 bool ReadAll(int fd, void* buf, uint64_t len, api::IMessage* verbose) {
   return Transfer(fd, static_cast<uint8_t*>(buf), len, false, verbose);
+}
+
+bool IsZero(const uint8_t* p, uint32_t len) {
+  static const uint8_t kZeros[kHoleBlock] = {};
+  while (len) {
+    uint32_t piece = len < kHoleBlock ? len : kHoleBlock;
+    if (std::memcmp(p, kZeros, piece) != 0) return false;
+    p += piece;
+    len -= piece;
+  }
+  return true;
+}
+
+// Positioned writes in calls of at most 256 MiB, reported like a stream's.
+static bool PwriteAll(int fd, const uint8_t* p, uint64_t len, uint64_t at, uint64_t base, api::IMessage* verbose) {
+  uint64_t done = 0;
+  int calls = 0;
+  while (done < len) {
+    uint64_t piece = len - done < kMaxCall ? len - done : kMaxCall;
+    ssize_t n = ::pwrite(fd, p + done, size_t(piece), off_t(at + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    ++calls;
+    if (verbose && (calls > 1 || uint64_t(n) < len))
+      verbose->Trace(1, "split write [%zx + %zx)\n", size_t(base + done), size_t(n));
+    done += uint64_t(n);
+  }
+  return true;
+}
+
+ImageWriter::ImageWriter(int fd) : fd_(fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
+  int flags = ::fcntl(fd, F_GETFL);
+  off_t at = ::lseek(fd, 0, SEEK_CUR);
+  // Appending writes land at the end whatever the position says.
+  if (flags < 0 || (flags & O_APPEND) || at < 0) return;
+  positioned_ = true;
+  pos_ = uint64_t(at);
+  holesFrom_ = (uint64_t(st.st_size) + kHoleBlock - 1) & ~uint64_t(kHoleBlock - 1);
+}
+
+bool ImageWriter::Write(const void* buf, uint64_t len, api::IMessage* verbose) {
+  return Put(static_cast<const uint8_t*>(buf), len, false, verbose);
+}
+
+bool ImageWriter::Zeros(uint64_t len) {
+  static const uint8_t kZeros[1 << 20] = {};
+  for (uint64_t done = 0; done < len;) {
+    uint64_t piece = len - done < sizeof kZeros ? len - done : sizeof kZeros;
+    if (!Put(kZeros, piece, true, nullptr)) return false;
+    done += piece;
+  }
+  return true;
+}
+
+bool ImageWriter::Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage* verbose) {
+  if (!positioned_) return WriteAll(fd_, p, len, verbose);
+  // Whole aligned blocks of zeros past the old end are skipped; everything
+  // between them goes out in one call.
+  uint64_t done = 0, pending = 0;  // pending: bytes from done not yet written
+  while (done + pending < len) {
+    uint64_t at = pos_ + done + pending;
+    uint64_t piece = kHoleBlock - at % kHoleBlock;
+    if (piece > len - done - pending) piece = len - done - pending;
+    if (at >= holesFrom_ && piece == kHoleBlock && (zeros || IsZero(p + done + pending, kHoleBlock))) {
+      if (pending && !PwriteAll(fd_, p + done, pending, pos_ + done, done, verbose)) return false;
+      done += pending + piece;
+      pending = 0;
+    } else {
+      pending += piece;
+    }
+  }
+  if (pending && !PwriteAll(fd_, p + done, pending, pos_ + done, done, verbose)) return false;
+  pos_ += len;
+  return true;
+}
+
+bool ImageWriter::Finish() {
+  if (!positioned_) return true;
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) return false;
+  if (uint64_t(st.st_size) < pos_ && ::ftruncate(fd_, off_t(pos_)) != 0) return false;
+  return ::lseek(fd_, off_t(pos_), SEEK_SET) >= 0;
 }
 
 uint64_t ReadUpTo(int fd, void* buf, uint64_t len) {

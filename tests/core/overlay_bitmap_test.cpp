@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <numeric>
+#include <string>
 #include <vector>
 
 #include "core/bitmap.h"
@@ -18,6 +20,36 @@ std::vector<uint8_t> Pattern(size_t n) {
   for (size_t i = 0; i < n; ++i) v[i] = uint8_t(i * 7 + 3);
   return v;
 }
+
+// A volume with one unreadable sector. Like the device layer, it reports each
+// failed read itself; the quiet reader beside it reads the same bytes and
+// reports nothing.
+class BadSectorDevice : public MemDevice, public IQuietReader {
+ public:
+  BadSectorDevice(std::vector<uint8_t> bytes, uint64_t bad) : MemDevice(std::move(bytes)), bad_(bad) {}
+  api::status_t ReadBytes(uint64_t off, void* buf, uint32_t n, uint32_t flags) override {
+    if (Touches(off, n)) {
+      ++reads;
+      char line[80];
+      std::snprintf(line, sizeof line, "error reading 0x%x bytes at offset 0x%llx", n, (unsigned long long)off);
+      log.push_back(line);
+      return api::status_t(5);
+    }
+    return MemDevice::ReadBytes(off, buf, n, flags);
+  }
+  bool ReadAll(uint64_t off, void* buf, uint32_t n) override {
+    ++quietReads;
+    if (Touches(off, n) || off + n > bytes.size()) return false;
+    std::memcpy(buf, bytes.data() + off, n);
+    return true;
+  }
+  std::vector<std::string> log;
+  uint64_t quietReads = 0;
+
+ private:
+  bool Touches(uint64_t off, uint32_t n) const { return off < (bad_ + 1) * 512 && off + n > bad_ * 512; }
+  uint64_t bad_;
+};
 
 }  // namespace
 
@@ -84,6 +116,52 @@ TEST(Overlay, ForwardsInSectorPiecesAndPassesErrorsThrough) {
   EXPECT_EQ(overlay.WriteBytes(4096, &b, 1, 0), api::ERR_IO_RANGE);
   EXPECT_EQ(overlay.SectorCount(), 0u);
   EXPECT_EQ(t.mem.allocations, t.mem.frees);
+}
+
+TEST(Overlay, LargeReadGoesDownBetweenKeptSectors) {
+  testsupport::TestEnv t;
+  BadSectorDevice lower(Pattern(64 * 1024), UINT64_MAX);
+  CRWBlockMemMdSnap overlay(&t.env, &lower, &lower);
+  std::vector<uint8_t> ones(512, 1);
+  ASSERT_EQ(overlay.WriteBytes(8192, ones.data(), 512, 0), api::QORV_OK);
+  ASSERT_EQ(overlay.WriteBytes(8704 + 100, ones.data(), 10, 0), api::QORV_OK);  // reads its sector once
+  const uint64_t readsBefore = lower.reads;
+  std::vector<uint8_t> got(32 * 1024);
+  ASSERT_EQ(overlay.ReadBytes(300, got.data(), uint32_t(got.size()), 0), api::QORV_OK);
+  std::vector<uint8_t> want(lower.bytes.begin() + 300, lower.bytes.begin() + 300 + got.size());
+  std::fill(want.begin() + 8192 - 300, want.begin() + 8704 - 300, 1);
+  std::fill(want.begin() + 8804 - 300, want.begin() + 8814 - 300, 1);
+  EXPECT_EQ(got, want);
+  // Below and above the two kept sectors: two reads, none by sectors.
+  EXPECT_EQ(lower.quietReads, 2u);
+  EXPECT_EQ(lower.reads, readsBefore);
+  // A read inside one sector needs no merging.
+  ASSERT_EQ(overlay.ReadBytes(20000, got.data(), 100, 0), api::QORV_OK);
+  EXPECT_EQ(lower.quietReads, 2u);
+  EXPECT_EQ(lower.reads, readsBefore + 1);
+  overlay.Empty();
+}
+
+TEST(Overlay, BadSectorInALargeReadFailsAsSectorBySector) {
+  testsupport::TestEnv t;
+  // The same read, sector by sector and merged: same status, same report,
+  // the same reads of the wrapped device after the one merged attempt.
+  BadSectorDevice plain(Pattern(64 * 1024), 40), merged(Pattern(64 * 1024), 40);
+  CRWBlockMemMdSnap byPieces(&t.env, &plain), overlay(&t.env, &merged, &merged);
+  std::vector<uint8_t> a(40000), b(40000);
+  const api::status_t want = byPieces.ReadBytes(1000, a.data(), uint32_t(a.size()), 0);
+  EXPECT_EQ(want, api::status_t(5));
+  EXPECT_EQ(overlay.ReadBytes(1000, b.data(), uint32_t(b.size()), 0), want);
+  EXPECT_EQ(merged.log, plain.log);
+  ASSERT_EQ(merged.log.size(), 1u);
+  EXPECT_EQ(merged.log[0], "error reading 0x200 bytes at offset 0x5000");
+  EXPECT_EQ(merged.quietReads, 1u);
+  EXPECT_EQ(merged.reads, plain.reads);
+  EXPECT_EQ(plain.reads, 40u);  // sectors 1 to 39, then the bad one
+  EXPECT_TRUE(std::equal(a.begin(), a.begin() + 0x5000 - 1000, b.begin()));
+  // A range past the end is not tried quietly; the device refuses it as before.
+  EXPECT_EQ(overlay.ReadBytes(60 * 1024, b.data(), 8192, 0), api::ERR_IO_RANGE);
+  EXPECT_EQ(merged.quietReads, 1u);
 }
 
 TEST(Overlay, NoLowerDevice) {

@@ -2,6 +2,7 @@
 // info, pipes, and the failures a user meets.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
@@ -47,6 +48,32 @@ mdsnap::ImageHeader HeaderOf(const std::string& image) {
     EXPECT_TRUE(mdsnap::ParseHeader(bytes.data(), &h));
   }
   return h;
+}
+
+uint64_t AllocatedBytes(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? uint64_t(st.st_blocks) * 512 : 0;
+}
+
+std::string Random(uint64_t size, uint32_t seed) {
+  std::string bytes(size, '\0');
+  for (uint64_t i = 0; i < size; ++i) {
+    seed ^= seed << 13;
+    seed ^= seed >> 17;
+    seed ^= seed << 5;
+    bytes[i] = char(seed | 1);  // never zero: nothing can pass for a hole
+  }
+  return bytes;
+}
+
+// 4 MiB, stored by -dd as four 1 MiB blocks: data in [0, 1 MiB) and
+// [3 MiB, 3.5 MiB), zeros elsewhere, so the image ends in zeros.
+constexpr uint64_t kMiB = 1 << 20;
+std::string ZeroRunVolume() {
+  std::string v(4 * kMiB, '\0');
+  v.replace(0, kMiB, Random(kMiB, 7));
+  v.replace(3 * kMiB, kMiB / 2, Random(kMiB / 2, 11));
+  return v;
 }
 
 }  // namespace
@@ -221,6 +248,69 @@ TEST(Cli, PipesInBothDirections) {
   RunResult info = Sh(dir, "cat img.mds | MDSNAP -info");
   EXPECT_EQ(info.status, 0);
   EXPECT_EQ(info.out, "unknown, 300200 (1801 x 200), 0.00 GB\n");
+}
+
+// Into a regular file, zero blocks become holes only where no older bytes of
+// the file lie; every byte reads back as written, and a pipe gets them all.
+TEST(Cli, SparseImagesAndRestoredFiles) {
+  TempDir dir;
+  const std::string vol = ZeroRunVolume();
+  WriteFile(dir / "vol.img", vol);
+  // Half of the volume's zeros are written, half are holes of the file.
+  int fd = ::open((dir / "vol.img").c_str(), O_RDWR);
+  ASSERT_GE(fd, 0);
+  const int punch = FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE;
+  bool holes = ::fallocate(fd, punch, 2 * kMiB, kMiB) == 0 && ::fallocate(fd, punch, 3 * kMiB + kMiB / 2, kMiB / 2) == 0;
+  ::close(fd);
+  if (!holes) GTEST_SKIP() << "this file system cannot punch holes";
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent vol.img | cat > piped.mds").status, 0);
+  const std::string image = ReadFile(dir / "piped.mds");
+  ASSERT_EQ(image.size(), 4096 + 4 * kMiB);
+  EXPECT_TRUE(image.substr(4096) == vol);
+  const uint64_t nonZero = 4096 + kMiB + kMiB / 2;  // header page and the two data ranges
+  // New file: ends in a hole, still at its full size.
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent -f:new.mds vol.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "new.mds") == image);
+  EXPECT_EQ(AllocatedBytes(dir / "new.mds"), nonZero);
+  // Standard output redirected to a file is as sparse; appended to, it gets every byte.
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent vol.img > out.mds").status, 0);
+  EXPECT_EQ(AllocatedBytes(dir / "out.mds"), nonZero);
+  const std::string old = Random(6 * kMiB, 3);
+  WriteFile(dir / "append.mds", old.substr(0, 1000));
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent vol.img >> append.mds").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "append.mds") == old.substr(0, 1000) + image);
+  // An existing longer file is not cut: its old bytes stay past the image and
+  // none shows through the image's zeros.
+  WriteFile(dir / "long.mds", old);
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent -f:long.mds vol.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "long.mds") == image + old.substr(image.size()));
+  EXPECT_EQ(AllocatedBytes(dir / "long.mds"), old.size());
+  // An existing shorter file: holes only past its old (unaligned) end.
+  const uint64_t shortSize = kMiB + kMiB / 2 + 100, shortEnd = kMiB + kMiB / 2 + 4096;
+  WriteFile(dir / "short.mds", old.substr(0, shortSize));
+  ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --silent -f:short.mds vol.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "short.mds") == image);
+  EXPECT_EQ(AllocatedBytes(dir / "short.mds"), shortEnd + kMiB / 2);
+
+  // Restores: a file -c creates, an existing longer one (cut to the volume,
+  // zeros written over its bytes), an existing shorter one, and one of the
+  // same size without -c, where nothing is left out.
+  const std::string restore = "MDSNAP --restore --silent -f:new.mds ";
+  ASSERT_EQ(Sh(dir, restore + "-c made.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "made.img") == vol);
+  EXPECT_EQ(AllocatedBytes(dir / "made.img"), kMiB + kMiB / 2);
+  WriteFile(dir / "longer.img", old);
+  ASSERT_EQ(Sh(dir, restore + "-c longer.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "longer.img") == vol);
+  EXPECT_EQ(AllocatedBytes(dir / "longer.img"), vol.size());
+  WriteFile(dir / "shorter.img", old.substr(0, shortSize));
+  ASSERT_EQ(Sh(dir, restore + "-c shorter.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "shorter.img") == vol);
+  EXPECT_EQ(AllocatedBytes(dir / "shorter.img"), shortEnd + kMiB / 2);
+  WriteFile(dir / "same.img", old.substr(0, vol.size()));
+  ASSERT_EQ(Sh(dir, restore + "same.img").status, 0);
+  EXPECT_TRUE(ReadFile(dir / "same.img") == vol);
+  EXPECT_EQ(AllocatedBytes(dir / "same.img"), vol.size());
 }
 
 // The header's sector count is in the source device's sectors; with 4096-byte
@@ -406,8 +496,9 @@ TEST(Cli, InterruptStopsALongDumpWithTooBig) {
   TempDir dir;
   std::string big = dir / "big.img";
   WriteFile(big, "");
-  ASSERT_EQ(::truncate(big.c_str(), 64ll << 30), 0);  // sparse: long to read, nothing on disk
-  RunResult r = Sh(dir, "MDSNAP --dump -dd --nopercents -f:/dev/null big.img & pid=$!; sleep 1; "
+  // Sparse: nothing on disk, but a pipe takes every one of its zero bytes.
+  ASSERT_EQ(::truncate(big.c_str(), 64ll << 30), 0);
+  RunResult r = Sh(dir, "MDSNAP --dump -dd --nopercents big.img > >(cat > /dev/null) & pid=$!; sleep 1; "
                         "kill -INT $pid; wait $pid");
   EXPECT_EQ(r.status, 0x28) << r.out << r.err;
 }

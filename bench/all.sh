@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Runs every bench script here, one after another, and prints one table of
+# what they measured against their targets. A script that cannot run on this
+# machine (a missing tool, no root for a loop device) is listed as skipped.
+# Usage: bench/all.sh [path/to/mdsnap]   (BENCH_DIR, ROUNDS may be set)
+set -uo pipefail
+here=$(dirname "$(readlink -f "$0")")
+bin=$(readlink -f "${1:-${MDSNAP:-./build/mdsnap}}")
+export ROUNDS=${ROUNDS:-5}
+logs=$(mktemp -d)
+scripts=(ext_dump exfat_dump fat32_dump raw_dump big_empty ext_scale)
+[ -f "$here/ntfs_dump.sh" ] && scripts+=(ntfs_dump)
+for s in "${scripts[@]}"; do
+  echo "== $s" >&2
+  if "$here/$s.sh" "$bin" > "$logs/$s.log" 2>&1; then
+    grep -E '^(result|reported|skipped):' "$logs/$s.log" | sed "s/^/$s: /"
+  else
+    echo "$s: skipped: $(tail -n1 "$logs/$s.log")"
+  fi
+  cat "$logs/$s.log" >&2
+done > "$logs/summary"
+echo
+printf '%-12s | %-28s | %-34s | %-10s | %-7s | %-8s | %s\n' script "file system" peer what ratio target met
+sed -n 's/^\([a-z0-9_]*\): result: \(.*\)$/\1 | \2/p' "$logs/summary" |
+  awk -F' \\| ' '{printf "%-12s | %-28s | %-34s | %-10s | %-7s | %-8s | %s\n", $1, $2, $3, $4, $5, $6, $7}'
+grep -E ': (reported|skipped):' "$logs/summary" || true
+echo "load average while measuring: $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine adds noise)"
+rm -rf "$logs"
