@@ -15,7 +15,7 @@ for s in "${scripts[@]}"; do
   if "$here/$s.sh" "$bin" > "$logs/$s.log" 2>&1; then
     grep -E '^(result|reported|skipped):' "$logs/$s.log" | sed "s/^/$s: /"
   else
-    echo "$s: skipped: $(tail -n1 "$logs/$s.log")"
+    echo "$s: skipped or failed: $(tail -n1 "$logs/$s.log")"
   fi
   cat "$logs/$s.log" >&2
 done > "$logs/summary"
@@ -23,6 +23,6 @@ echo
 printf '%-12s | %-28s | %-34s | %-10s | %-7s | %-8s | %s\n' script "file system" peer what ratio target met
 sed -n 's/^\([a-z0-9_]*\): result: \(.*\)$/\1 | \2/p' "$logs/summary" |
   awk -F' \\| ' '{printf "%-12s | %-28s | %-34s | %-10s | %-7s | %-8s | %s\n", $1, $2, $3, $4, $5, $6, $7}'
-grep -E ': (reported|skipped):' "$logs/summary" || true
+grep -E ": (reported|skipped)" "$logs/summary" || true
 echo "load average while measuring: $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine adds noise)"
 rm -rf "$logs"
