@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Writes the seed volumes and images of every fuzz target into OUT/<target>:
+# the inputs earlier campaigns found new paths with (seeds/<target>.tar.zst),
 # small volumes made by each file system's own tools, the repository's test
 # volumes and the shared samples, each cut to the target's input limit, and
 # images the tool dumps from them. Usage: make_seeds.sh OUT MDSNAP
@@ -22,6 +23,11 @@ mk() { # mk TARGET NAME SIZE_KIB COMMAND...: a fresh volume made by COMMAND (vol
   truncate -s "${kib}K" "$tmp/$n"
   if "$@" "$tmp/$n" >/dev/null 2>&1; then cut "$t" "$n" "$tmp/$n"; else echo "skipped seed $n: $1 failed or is missing"; fi
 }
+for t in fat exfat ext ntfs image; do
+  mkdir -p "$out/$t"
+  [ -f "$here/seeds/$t.tar.zst" ] && zstd -dc "$here/seeds/$t.tar.zst" | tar -C "$out/$t" -xf -
+done
+
 mk fat fat12 256 mkfs.fat -F 12
 mk fat fat16 4096 mkfs.fat -F 16 -s 1
 mk fat fat32 1024 mkfs.fat -F 32 -s 1 -S 512 -a

@@ -8,6 +8,7 @@
 
 #include "core/overlay.h"
 #include "fs/scanners.h"
+#include "platform/platform.h"
 #include "tests/fuzz/fuzz_support.h"
 #include "tests/support/file_device.h"
 
@@ -18,13 +19,17 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzsupport::CountingMemory mem;
   api::CLibEnv env{&mem, nullptr, nullptr};
+  // Half the inputs take the --verbose paths: every problem's reason is
+  // formatted (into a silent sink) from what the volume says.
+  env.verbose = size & 1;
+  api::IMessage* msg = api::GetConsoleMessage(nullptr, nullptr, true);
   testsupport::MemDevice volume(std::vector<uint8_t>(data, data + size));
   QORV::CRWBlockMemMdSnap overlay(&env, &volume);
 
   uint8_t* bitmap = nullptr;
   uint64_t blockCount = 0;
   uint32_t blockShift = 0, problems = 0;
-  api::status_t status = QORV::FUZZ_SCANNER(&env, &overlay, nullptr, 0, &bitmap, &blockCount, &blockShift, &problems);
+  api::status_t status = QORV::FUZZ_SCANNER(&env, &overlay, msg, 0, &bitmap, &blockCount, &blockShift, &problems);
   overlay.Empty();
 
   if (volume.writes != 0) fuzzsupport::Fail("the scanner wrote the volume");
