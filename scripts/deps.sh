@@ -24,12 +24,38 @@ want mkntfs ntfs-3g
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -x /usr/bin/time ] || need+=(time)
 
-if [ ${#need[@]} -eq 0 ]; then exit 0; fi
-echo "Installing: ${need[*]}"
+# The fuzz targets want clang and its libFuzzer runtime; without them the
+# fuzz runs are skipped, so a failure to install them is not fatal.
+fuzz_need=()
+command -v clang++ >/dev/null 2>&1 || fuzz_need+=(clang)
+fuzz_runtime() {
+  command -v clang++ >/dev/null 2>&1 && ls "$(clang++ --print-runtime-dir 2>/dev/null)"/libclang_rt.fuzzer-*.a >/dev/null 2>&1
+}
+if ! fuzz_runtime && command -v clang++ >/dev/null 2>&1; then
+  major=$(clang++ -dumpversion | cut -d. -f1)
+  fuzz_need+=("libclang-rt-$major-dev")
+fi
+
+if [ ${#need[@]} -eq 0 ] && [ ${#fuzz_need[@]} -eq 0 ]; then exit 0; fi
 if [ "$(id -u)" -eq 0 ]; then sudo=""; elif command -v sudo >/dev/null; then sudo="sudo"; else
+  if [ ${#need[@]} -eq 0 ]; then
+    echo "Not installing (not root): ${fuzz_need[*]}; the fuzz runs will be skipped." >&2
+    exit 0
+  fi
   echo "Missing packages (${need[*]}) and not root: install them, then run again." >&2
   exit 1
 fi
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
-$sudo apt-get install -y -qq "${need[@]}" >/dev/null
+if [ ${#need[@]} -gt 0 ]; then
+  echo "Installing: ${need[*]}"
+  $sudo apt-get install -y -qq "${need[@]}" >/dev/null
+fi
+if [ ${#fuzz_need[@]} -gt 0 ]; then
+  echo "Installing for the fuzz runs: ${fuzz_need[*]}"
+  $sudo apt-get install -y -qq "${fuzz_need[@]}" >/dev/null || echo "Could not install ${fuzz_need[*]}." >&2
+  # clang alone may come without the runtime package.
+  if ! fuzz_runtime && command -v clang++ >/dev/null 2>&1; then
+    $sudo apt-get install -y -qq "libclang-rt-$(clang++ -dumpversion | cut -d. -f1)-dev" >/dev/null 2>&1 || true
+  fi
+fi

@@ -19,3 +19,15 @@ echo "== sanitizer build (address, undefined)"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite build-sanitize -DCMAKE_BUILD_TYPE=Debug -DMDSNAP_SANITIZE=ON \
   -DMDSNAP_ROUNDTRIP_CACHE="$PWD/build/tests/roundtrip/cache"
+
+echo "== fuzz smoke runs (20 s per target)"
+probe=$(mktemp -d)
+echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' >"$probe/p.cpp"
+if ! command -v clang++ >/dev/null 2>&1; then
+  echo "SKIP fuzz smoke runs: clang++ is not installed"
+elif ! clang++ -fsanitize=fuzzer "$probe/p.cpp" -o "$probe/p" >/dev/null 2>&1; then
+  echo "SKIP fuzz smoke runs: clang cannot link a libFuzzer target (runtime missing)"
+else
+  bash scripts/fuzz.sh all 20
+fi
+rm -rf "$probe"
