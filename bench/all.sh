@@ -13,7 +13,9 @@ scripts=(ext_dump exfat_dump fat32_dump raw_dump big_empty ext_scale)
 for s in "${scripts[@]}"; do
   echo "== $s" >&2
   if "$here/$s.sh" "$bin" > "$logs/$s.log" 2>&1; then
-    grep -E '^(result|reported|skipped):' "$logs/$s.log" | sed "s/^/$s: /"
+    # A script without result lines has its ratio lines shown as they are.
+    grep -E '^(result|reported|skipped):' "$logs/$s.log" | sed "s/^/$s: /" ||
+      grep -i 'ratio' "$logs/$s.log" | sed "s/^/$s: reported: /"
   else
     echo "$s: skipped or failed: $(tail -n1 "$logs/$s.log")"
   fi
