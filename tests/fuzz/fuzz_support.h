@@ -7,22 +7,16 @@
 #include <cstring>
 
 #include "core/api/scanner.h"
+#include "tests/support/test_env.h"
 
 namespace fuzzsupport {
 
 // Memory a scan may hold besides its bitmap.
 constexpr uint64_t kScanSlack = 16ull << 20;
 
-class CountingMemory : public api::IBaseMemoryManager {
+// The test tree's heap, counting what is live.
+class CountingMemory : public testsupport::HeapMemory {
  public:
-  void Fill(void* d, int b, size_t n) override { std::memset(d, b, n); }
-  void Copy(void* d, const void* s, size_t n) override { std::memcpy(d, s, n); }
-  int Compare(const void* a, const void* b, size_t n) override {
-    int c = std::memcmp(a, b, n);
-    return c < 0 ? -1 : c > 0;
-  }
-  void Move(void* d, const void* s, size_t n) override { std::memmove(d, s, n); }
-  void* AllocateEx(size_t n, uint32_t, uint32_t, uint32_t f) override { return Allocate(n, f); }
   void* Allocate(size_t n, uint32_t f) override {
     // A request past the whole budget is refused, as a real allocator would
     // refuse one past the machine's memory; the scanner must cope.
@@ -44,7 +38,6 @@ class CountingMemory : public api::IBaseMemoryManager {
   }
   uint64_t limit = UINT64_MAX;
   uint64_t live = 0, peak = 0;
-  long allocations = 0, frees = 0;
 };
 
 [[noreturn]] inline void Fail(const char* what) {
