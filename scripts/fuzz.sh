@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang and runs one or all of them.
-# Usage: scripts/fuzz.sh [fat|exfat|ext|ntfs|image|all] [seconds per target]
+# Usage: scripts/fuzz.sh [fat|exfat|ext|ntfs|image|all] [seconds per target] [max executions]
+# (a campaign: scripts/fuzz.sh all 1800 5000000 stops each target at 30 minutes
+# or five million executions, whichever comes first)
 # Corpora grow in build-fuzz/corpus/<target>; a crash lands in
 # build-fuzz/crashes/<target>/ (keep it in tests/fuzz/regressions/<target>/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-which=${1:-all} seconds=${2:-30}
+which=${1:-all} seconds=${2:-30} runs=${3:--1}
 targets=(fat exfat ext ntfs image)
 [ "$which" = all ] || targets=("$which")
 . tests/fuzz/limits.sh
@@ -31,7 +33,7 @@ for t in "${targets[@]}"; do
   [ "$t" = image ] && quiet=(-close_fd_mask=2)
   set -- "$dir/corpus/$t" "$seeds/$t"
   [ -d "$regress" ] && set -- "$@" "$regress"
-  "$dir/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len="$(max_len "$t")" \
+  "$dir/fuzz/fuzz_$t" -max_total_time="$seconds" -runs="$runs" -max_len="$(max_len "$t")" \
     -rss_limit_mb="$(rss_limit_mb "$t")" -malloc_limit_mb="$(malloc_limit_mb "$t")" \
     -timeout="$(timeout_s "$t")" -dict=tests/fuzz/"$t".dict -print_final_stats=1 \
     -artifact_prefix="$dir/crashes/$t/" "${quiet[@]}" "$@" 2>&1 | grep -vE '^#[0-9]+\s+(NEW|REDUCE|pulse)' || true

@@ -66,6 +66,15 @@ def one(ctx, src, work):
     r = util.run([ctx.mdsnap, "--dump", "--nopercents", "-f:" + img, vol], timeout=DUMP_TIMEOUT)
     if sha256(vol) != before:
         return "FAIL", "the volume changed during the dump", 0
+    # The same without the overlay: the drivers then see the volume marked
+    # read-only, and a damaged journal must still leave it as it was.
+    bare = util.run([ctx.mdsnap, "--dump", "--silent", "-nojnl", "-f:" + img + ".nojnl", vol], timeout=DUMP_TIMEOUT)
+    util.remove(img + ".nojnl")
+    if sha256(vol) != before:
+        return "FAIL", "the volume changed during the dump with -nojnl", 0
+    if bare.timed_out or bare.returncode < 0 or (bare.returncode != 0 and bare.returncode not in DEFINED):
+        return "FAIL", "the dump with -nojnl ended with status %d%s" % (
+            bare.returncode, " (hung)" if bare.timed_out else ""), 0
     if r.timed_out:
         return "FAIL", "dump hung (no exit within %ds)" % DUMP_TIMEOUT, 0
     if "Sanitizer" in r.out or "runtime error:" in r.out:
