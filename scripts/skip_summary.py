@@ -26,7 +26,7 @@ def reasons(output):
         elif GTEST_SKIP.match(line.strip()):
             text = []
             for follow in lines[i + 1:]:
-                if not follow.strip() or follow.startswith("["):
+                if not follow.strip() or follow.startswith(("[", "Google Test trace:")):
                     break
                 text.append(follow.strip())
             found.append(" ".join(text) or "(no reason given)")
