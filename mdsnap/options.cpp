@@ -137,8 +137,13 @@ void PrintUsage() {
   std::fputs("E.g. mdsnap g: > dump\nE.g. mdsnap \\\\?\\Volume{d7c5ce70-3220-11db-b0fb-005056c00008} < dump\n", stdout);
 }
 
+// The release number comes from the build (project() in CMakeLists.txt).
+#ifndef MDSNAP_VERSION
+#define MDSNAP_VERSION "unreleased"
+#endif
+
 void PrintVersionBanner() {
-  std::printf("mdsnap (%s %s)\nQORV\nThe mdsnap developers\n\n", __DATE__, __TIME__);
+  std::printf("mdsnap (%s %s)\nQORV\nmdsnap %s, by the mdsnap developers\n\n", __DATE__, __TIME__, MDSNAP_VERSION);
 }
 
 std::string LibraryVersionText() {

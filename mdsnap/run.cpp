@@ -131,7 +131,8 @@ int RunMain(int argc, char** argv) {
   }
   if (open != 0) {
     closeImage();
-    return -open;
+    // An errno is negated; the write-protected status travels as it is.
+    return open == int(ERR_WRITE_PROTECTED) ? open : -open;
   }
 
   static CLibEnv env{GetMemoryManager(), GetStringManager(), GetTime()};

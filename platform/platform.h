@@ -14,7 +14,9 @@ namespace api {
 
 // Opens a volume, device or image file. Returns 0 and the device, or an errno
 // value (12 allocation, 22 refused lock/dismount/unknown size, else the
-// open's errno) with *device null. *descriptor (may be null) receives the
+// open's errno) with *device null; a writable open of a device the kernel
+// holds read-only returns int(ERR_WRITE_PROTECTED) instead, a status and not
+// an errno. *descriptor (may be null) receives the
 // descriptor the dump reads from directly.
 int CreateVolumeDevice(const char* path, bool readOnly, bool fixedSize, IDeviceRWBlock** device, int* descriptor,
                        bool force, uint32_t verbose, uint32_t forcedSectorSize);

@@ -21,6 +21,9 @@ want mke2fs e2fsprogs
 want fls sleuthkit
 want losetup mount
 want mkntfs ntfs-3g
+# The manual page's rendering check and the package test.
+want man man-db
+want dpkg-shlibdeps dpkg-dev
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -x /usr/bin/time ] || need+=(time)
 

@@ -6,11 +6,26 @@ cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
+
+# Skipped tests and their reasons, collected from every ctest run and shown
+# at the end (also when a suite fails).
+skips=$(mktemp)
+skip_report() {
+  echo "== skipped tests, with their reasons"
+  if [ -s "$skips" ]; then cat "$skips"; else echo "   none"; fi
+  rm -f "$skips"
+}
+trap skip_report EXIT
+
 run_suite() { # run_suite BUILD_DIR [cmake args...]
   local dir=$1; shift
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
-  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 900)
+  local rc=0 junit=$PWD/$dir/ctest-junit.xml
+  rm -f "$junit"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 900 --output-junit "$junit") || rc=$?
+  python3 scripts/skip_summary.py "$dir" "$junit" >>"$skips" || true
+  return $rc
 }
 
 echo "== release build"
@@ -24,9 +39,9 @@ echo "== fuzz smoke runs (20 s per target)"
 probe=$(mktemp -d)
 echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' >"$probe/p.cpp"
 if ! command -v clang++ >/dev/null 2>&1; then
-  echo "SKIP fuzz smoke runs: clang++ is not installed"
+  echo "SKIP fuzz smoke runs: clang++ is not installed" | tee -a "$skips"
 elif ! clang++ -fsanitize=fuzzer "$probe/p.cpp" -o "$probe/p" >/dev/null 2>&1; then
-  echo "SKIP fuzz smoke runs: clang cannot link a libFuzzer target (runtime missing)"
+  echo "SKIP fuzz smoke runs: clang cannot link a libFuzzer target (runtime missing)" | tee -a "$skips"
 else
   bash scripts/fuzz.sh all 20
 fi

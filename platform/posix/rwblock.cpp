@@ -30,6 +30,15 @@ std::string PlatformPath(const char* name) { return std::string(name).substr(0, 
 // unmounted file system is not mounted again by itself.
 bool DismountVolume(int) { return false; }
 
+// Whether the kernel holds a block device read-only (a write-protected card,
+// a loop device set up read-only). Such a device still opens for writing and
+// then refuses every write, so a restore must be stopped at the open, before
+// its first block. Not a block device: not read-only by this test.
+bool KernelReadOnly(int fd) {
+  int readOnly = 0;
+  return ::ioctl(fd, BLKROGET, &readOnly) == 0 && readOnly != 0;
+}
+
 class CQORV_RWBlock : public CRWBlockA {
  public:
   CQORV_RWBlock(bool readOnly, bool fixedSize) : readOnly_(readOnly), fixedSize_(fixedSize) {}
@@ -91,6 +100,12 @@ int CQORV_RWBlock::Open(const char* name, bool force, bool verbose, uint32_t for
     int err = errno;
     std::fprintf(stderr, "Can't open \"%s\" : %s\n", name, std::strerror(err));
     return err;
+  }
+  if (!readOnly_ && KernelReadOnly(fd_)) {
+    std::fprintf(stderr, "Can't open \"%s\" for writing: the device is write-protected\n", name);
+    ::close(fd_);
+    fd_ = -1;
+    return int(ERR_WRITE_PROTECTED);
   }
   int dismounts = 0;
   bool geometry = false;

@@ -248,6 +248,7 @@ TEST(Cli, PipesInBothDirections) {
   EXPECT_NE(d.err.find("Dumped "), std::string::npos);
   mdsnap::ImageHeader h = HeaderOf(dir / "img.mds");
   EXPECT_EQ(h.blockShift, 10u);
+  // No --restore, on purpose: a redirected standard input means restore.
   RunResult r = Sh(dir, "MDSNAP -c --nopercents out.img < img.mds");
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_TRUE(ReadFile(dir / "out.img") == ReadFile(vol));

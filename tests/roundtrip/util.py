@@ -35,6 +35,11 @@ def run(args, timeout=120, stdin=None, stdout=None, check=False, cwd=None):
     except subprocess.TimeoutExpired as e:
         out = e.output or b""
         return Result(-999, out.decode("utf-8", "replace") + "\n[timed out after %ds]" % timeout, True)
+    except FileNotFoundError:
+        if shutil.which(str(args[0])):
+            raise
+        # A checker or lister that is not installed skips the case, visibly.
+        raise Skip("tool %s is not installed" % args[0])
     out = p.stdout if stdout is None else p.stderr
     r = Result(p.returncode, (out or b"").decode("utf-8", "replace"))
     if check and r.returncode != 0:

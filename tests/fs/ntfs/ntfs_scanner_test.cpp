@@ -214,7 +214,7 @@ TEST(NtfsScanner, KeepsEveryStructureOfRealVolumesAndNoContentsWithoutData) {
                            "ntfs/ntfs_winxp_dftt_undelete_1k.img.zst", "ntfs/ntfs_win10_2k_cluster_index.img.zst"}) {
     std::string sample = testsupport::Fixture(dir, name);
     if (sample.empty()) {
-      std::printf("sample %s is not available; skipped\n", name);
+      std::printf("SKIP sample %s: not available\n", name);
       continue;
     }
     testsupport::FileDevice fdev(sample);
