@@ -279,19 +279,19 @@ status_t CApfsScan::RunMetadata(bool progress) {
     const char* what;
   } areas[] = {{descBase, descBlocks, "checkpoint descriptor area"}, {dataBase, dataBlocks, "checkpoint data area"}};
   for (const Area& a : areas) {
+    uint64_t inside = a.blocks;
     if (a.base >= Count() || a.blocks > Count() - a.base) {
       session_.Problem("APFS %s: blocks 0x%llx + 0x%llx run past the container's 0x%llx blocks", a.what,
                        (unsigned long long)a.base, (unsigned long long)a.blocks, (unsigned long long)Count());
+      inside = a.base >= Count() ? 0 : Count() - a.base;
     }
-    for (uint64_t i = 0; i < a.blocks; ++i) {
-      if (a.base < Count() && i < Count() - a.base) {
-        walk.Add(a.base + i, kFromSweep);
-        QORV_TRY(walk.Run(*this));
-      } else {
-        QORV_TRY(session_.Poll());
-      }
+    for (uint64_t i = 0; i < inside; ++i) {
+      walk.Add(a.base + i, kFromSweep);
+      QORV_TRY(walk.Run(*this));
       if (progress && msg_) msg_->SetPosition(&++step);
     }
+    step += a.blocks - inside;
+    if (progress && msg_) msg_->SetPosition(&step);
   }
   EndProgress();
   return api::QORV_OK;
