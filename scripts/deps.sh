@@ -21,6 +21,8 @@ want mke2fs e2fsprogs
 want fls sleuthkit
 want losetup mount
 want mkntfs ntfs-3g
+want mkapfs apfsprogs
+want fsapfsmount libfsapfs-utils
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -x /usr/bin/time ] || need+=(time)
 
