@@ -16,12 +16,19 @@ for tool in mkapfs zstd; do
   command -v $tool >/dev/null || { echo "needs $tool (apfsprogs, zstd)" >&2; exit 1; }
 done
 
-sample=$(ls -S "$fixtures"/apfs/*.img.zst 2>/dev/null | head -n1 || true)
+# The largest sample by unpacked size.
+sample= sample_bytes=0
+for f in "$fixtures"/apfs/*.img.zst; do
+  [ -f "$f" ] || continue
+  bytes=$(zstd -dc "$f" | wc -c)
+  if [ "$bytes" -gt "$sample_bytes" ]; then sample=$f sample_bytes=$bytes; fi
+done
 vols=()
 if [ -n "$sample" ]; then
   unpack() { zstd -q -d -f "$sample" -o "$1"; }
-  cached apfs-sample-"$(basename "$sample" .img.zst)".img unpack
-  vols+=(apfs-sample-"$(basename "$sample" .img.zst)".img)
+  name=apfs-sample-$(basename "$sample" .img.zst).img
+  cached "$name" unpack
+  vols+=("$name")
 else
   echo "no APFS sample under $fixtures: only the mkapfs container is measured"
 fi

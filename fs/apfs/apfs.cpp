@@ -216,6 +216,7 @@ status_t CApfsBitmap::WalkRuns(uint64_t blockCount, IApfsRunSink* sink) {
 // ---------------------------------------------------------------- file system
 
 CApfsFileSystem::~CApfsFileSystem() {
+  if (window_) env_->mem->Free(window_);
   if (block0_) env_->mem->Free(block0_);
   if (scratch_) env_->mem->Free(scratch_);
 }
@@ -237,6 +238,33 @@ status_t CApfsFileSystem::Mount(api::IDeviceRWBlock* dev, uint32_t flags, bool c
   QORV_TRY(dev->ReadBytes(0, block0_, sb_.blockSize, 0));
   QORV_TRY(reader_.Init(dev, sb_.blockSize, blockCount_ << sb_.blockShift));
   reader_.SetCheck(&check_);
+  return api::QORV_OK;
+}
+
+status_t CApfsFileSystem::ReadObject(uint64_t block, ByteView* out) {
+  if (block - windowFirst_ < windowCount_) {
+    uint8_t* unit = window_ + ((block - windowFirst_) << sb_.blockShift);
+    *out = ByteView();
+    QORV_TRY(check_.Check(block << sb_.blockShift, unit, sb_.blockSize));
+    *out = ByteView(unit, sb_.blockSize);
+    return api::QORV_OK;
+  }
+  return reader_.Read(block << sb_.blockShift, out);
+}
+
+status_t CApfsFileSystem::LoadWindow(uint64_t first, uint64_t count, uint64_t* held) {
+  windowCount_ = 0;
+  *held = 0;
+  if (!window_) {
+    window_ = static_cast<uint8_t*>(env_->mem->Allocate(kWindowBytes, 0));
+    if (!window_) return api::ERR_NO_MEMORY;
+  }
+  const uint64_t most = kWindowBytes >> sb_.blockShift;
+  if (first >= blockCount_) return api::ERR_IO_RANGE;
+  uint64_t n = std::min<uint64_t>({count, most, blockCount_ - first});
+  QORV_TRY(dev_->ReadBytes(first << sb_.blockShift, window_, uint32_t(n << sb_.blockShift), 0));
+  windowFirst_ = first;
+  windowCount_ = *held = n;
   return api::QORV_OK;
 }
 

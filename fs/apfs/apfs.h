@@ -153,7 +153,12 @@ class CApfsFileSystem : public api::base_noncopyable {
 
   // An object block through the checked reader (checksum verified, or a node
   // without header). The view lasts until the next read.
-  api::status_t ReadObject(uint64_t block, ByteView* out) { return reader_.Read(block << sb_.blockShift, out); }
+  api::status_t ReadObject(uint64_t block, ByteView* out);
+  // Reads up to a window's worth of blocks from `first` in one go (the
+  // sweeps of the checkpoint areas); ReadObject serves them from there, with
+  // the same check, until the next call. Returns how many blocks it holds.
+  api::status_t LoadWindow(uint64_t first, uint64_t count, uint64_t* held);
+  void DropWindow() { windowCount_ = 0; }
   // A block as it is, into `buffer` (block size bytes).
   api::status_t ReadRaw(uint64_t block, uint8_t* buffer);
   const CBlockReader::Counters& Stats() const { return reader_.Stats(); }
@@ -173,6 +178,9 @@ class CApfsFileSystem : public api::base_noncopyable {
   uint64_t blockCount_ = 0;
   uint8_t* block0_ = nullptr;
   uint8_t* scratch_ = nullptr;  // one block for objects kept while others are read
+  static constexpr uint32_t kWindowBytes = 1 << 20;
+  uint8_t* window_ = nullptr;
+  uint64_t windowFirst_ = 0, windowCount_ = 0;
   CApfsObjectCheck check_;
   CBlockReader reader_;
   bool cipher_ = false;

@@ -285,10 +285,20 @@ status_t CApfsScan::RunMetadata(bool progress) {
                        (unsigned long long)a.base, (unsigned long long)a.blocks, (unsigned long long)Count());
       inside = a.base >= Count() ? 0 : Count() - a.base;
     }
-    for (uint64_t i = 0; i < inside; ++i) {
-      walk.Add(a.base + i, kFromSweep);
-      QORV_TRY(walk.Run(*this));
-      if (progress && msg_) msg_->SetPosition(&++step);
+    // Read a window at a time: a sweep touches every block of the areas.
+    for (uint64_t i = 0; i < inside;) {
+      uint64_t held = 0;
+      QORV_TRY(fs_.LoadWindow(a.base + i, inside - i, &held));
+      for (uint64_t end = i + held; i < end; ++i) {
+        walk.Add(a.base + i, kFromSweep);
+        status_t s = walk.Run(*this);
+        if (s != api::QORV_OK) {
+          fs_.DropWindow();
+          return s;
+        }
+        if (progress && msg_) msg_->SetPosition(&++step);
+      }
+      fs_.DropWindow();
     }
     step += a.blocks - inside;
     if (progress && msg_) msg_->SetPosition(&step);
