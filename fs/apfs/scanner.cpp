@@ -351,7 +351,11 @@ api::status_t ScanApfs(QORV_SCANNER_ARGS, uint32_t cipherAvailable) {
   if (!dev) return api::ERR_IO_RANGE;
   CScanSession session(env, dev, msg);
   api::status_t s = WithDriver<CApfsFileSystem>(env, [&](CApfsFileSystem* fs) {
-    QORV_TRY(fs->Mount(session.Device(), CApfsFileSystem::kMountReadOnly, cipherAvailable != 0));
+    status_t m = fs->Mount(session.Device(), CApfsFileSystem::kMountReadOnly, cipherAvailable != 0);
+    if (m == api::ERR_INCONSISTENT && msg)
+      msg->Trace(1, "APFS container superblock: block size %u or block count 0x%llx out of range", fs->Sb().blockSize,
+                 (unsigned long long)fs->Sb().blockCount);
+    QORV_TRY(m);
     const bool data = scanFlags & api::SCAN_DATA;
     if (!fs->Block0Valid()) {
       if (msg) msg->Trace(1, "Invalid Main SuperBlock checksum");
