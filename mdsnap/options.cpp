@@ -155,7 +155,7 @@ std::string LibraryVersionText() {
       {"NTFSJ support included", true},      {"Mdsnap Ntfs included", true},
       {"Mdsnap Ext included", true},         {"FAT support included", true},
       {"Mdsnap Fat included", true},         {"BTRFS support included", false},
-      {"APFS support included", false},      {"Mdsnap Apfs included", false},
+      {"APFS support included", true},       {"Mdsnap Apfs included", true},
       {"exFAT support included", true},      {"Mdsnap Exfat included", true},
       {"Hfs+J support included", false},     {"Mdsnap Hfs included", false},
       {"ReFs 1.x support included", false},  {"Mdsnap ReFs 1.x included", false},

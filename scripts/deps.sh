@@ -24,6 +24,8 @@ want mkntfs ntfs-3g
 # The manual page's rendering check and the package test.
 want man man-db
 want dpkg-shlibdeps dpkg-dev
+want mkapfs apfsprogs
+want fsapfsmount libfsapfs-utils
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -x /usr/bin/time ] || need+=(time)
 

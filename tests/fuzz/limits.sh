@@ -8,7 +8,7 @@
 # of volume.
 max_len() { # max_len TARGET: the largest input in bytes
   case $1 in
-    ntfs) echo $((4 << 20)) ;;
+    ntfs | apfs) echo $((4 << 20)) ;;
     image) echo $((256 << 10)) ;;
     *) echo $((1 << 20)) ;;
   esac

@@ -16,6 +16,13 @@
 #error "FUZZ_SCANNER names the scanner entry point"
 #endif
 
+namespace QORV {
+// The APFS entry takes one more argument: the dump passes no cipher.
+inline api::status_t ScanApfsNoCipher(QORV_SCANNER_ARGS) {
+  return ScanApfs(env, dev, msg, scanFlags, bitmap, blockCount, blockShift, problems, 0);
+}
+}  // namespace QORV
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzsupport::CountingMemory mem;
   api::CLibEnv env{&mem, nullptr, nullptr};
@@ -29,7 +36,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   uint8_t* bitmap = nullptr;
   uint64_t blockCount = 0;
   uint32_t blockShift = 0, problems = 0;
-  api::status_t status = QORV::FUZZ_SCANNER(&env, &overlay, msg, 0, &bitmap, &blockCount, &blockShift, &problems);
+  uint32_t flags = 0;
+#ifdef FUZZ_DATA_ON_BIT1
+  if (size & 2) flags = api::SCAN_DATA;
+#endif
+  api::status_t status =
+      QORV::FUZZ_SCANNER(&env, &overlay, msg, flags, &bitmap, &blockCount, &blockShift, &problems);
   overlay.Empty();
 
   if (volume.writes != 0) fuzzsupport::Fail("the scanner wrote the volume");

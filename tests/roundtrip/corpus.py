@@ -13,7 +13,7 @@ import shutil
 import util
 from util import Fail, Skip
 
-FOLDERS = ("ext", "fat", "exfat", "ntfs", "nosig")
+FOLDERS = ("ext", "fat", "exfat", "ntfs", "apfs", "nosig")
 DUMP_TIMEOUT = 30
 CHECK_TIMEOUT = 60
 
@@ -23,6 +23,7 @@ CHECKERS = {
     "FAT": ["fsck.fat", "-n"],
     "exFAT": ["fsck.exfat", "-n"],
     "NTFS": ["ntfsfix", "-n"],
+    "APFS": ["apfsck"],
 }
 
 # Low bytes of the statuses a refusal may end with (see the README's table).
@@ -111,7 +112,7 @@ def one(ctx, src, work):
 
 
 def run(ctx):
-    util.need("zstd", "e2fsck", "fsck.fat", "fsck.exfat", "ntfsfix")
+    util.need("zstd", "e2fsck", "fsck.fat", "fsck.exfat", "ntfsfix", "apfsck")
     images = []
     for folder in FOLDERS:
         images += sorted(glob.glob(os.path.join(ctx.corpus, folder, "*.img.zst")))
