@@ -60,16 +60,12 @@ void CFileHfs::Reset(uint32_t fileId, uint8_t forkType, uint64_t logicalSize, ui
   shift_ = blockShift;
   volumeBlocks_ = volumeBlocks;
   mappedBlocks_ = 0;
-  ended_ = false;
   pieces_.clear();
 }
 
 bool CFileHfs::Append(const HfsExtentRecord& record) {
   for (const HfsExtent& e : record.extents) {
-    if (ended_ || e.blockCount == 0) {
-      ended_ = true;
-      return false;
-    }
+    if (e.blockCount == 0) break;  // the record's unused tail
     if (pieces_.size() >= kMaxExtents) return false;
     pieces_.push_back(Piece{mappedBlocks_, e});
     mappedBlocks_ += e.blockCount;
@@ -236,15 +232,15 @@ CFileSystemHfs::~CFileSystemHfs() {
   extentsTree_.Close();
 }
 
-status_t CFileSystemHfs::ReadHeader(uint64_t offset, HfsVolumeHeader* out) {
+status_t CFileSystemHfs::ReadHeader(uint64_t offset, HfsVolumeHeader* out, bool* wrapper) {
   uint8_t raw[VolumeHeader::kSize];
   status_t s = dev_->ReadBytes(offset, raw, sizeof raw, 0);
   // A device too small to hold a header holds no volume.
   if (s == api::ERR_IO_RANGE) return api::ERR_NOT_RECOGNIZED;
   QORV_TRY(s);
   ByteView view(raw, sizeof raw);
-  // A wrapper around an HFS+ volume, and plain HFS, are not ours to read.
-  if (view.be16(VolumeHeader::kSignature) == VolumeHeader::kSignatureWrapper) return api::ERR_NOT_RECOGNIZED;
+  *wrapper = view.be16(VolumeHeader::kSignature) == VolumeHeader::kSignatureWrapper;
+  if (*wrapper) return api::ERR_NOT_RECOGNIZED;
   out->Parse(view);
   return out->Acceptable() ? api::QORV_OK : api::ERR_NOT_RECOGNIZED;
 }
@@ -253,10 +249,13 @@ status_t CFileSystemHfs::Mount(api::IDeviceRWBlock* dev) {
   if (!dev) return api::ERR_IO_RANGE;
   dev_ = dev;
   const uint64_t size = dev->GetSize();
-  status_t s = ReadHeader(VolumeHeader::kOffset, &vh_);
-  if (s == api::ERR_NOT_RECOGNIZED && size >= VolumeHeader::kOffset + VolumeHeader::kAlternateFromEnd) {
+  bool wrapper = false;
+  status_t s = ReadHeader(VolumeHeader::kOffset, &vh_, &wrapper);
+  // A wrapper around an HFS+ volume, and plain HFS, are not ours to read,
+  // whatever lies at the device's end.
+  if (s == api::ERR_NOT_RECOGNIZED && !wrapper && size >= VolumeHeader::kOffset + VolumeHeader::kAlternateFromEnd) {
     const uint64_t at = size - VolumeHeader::kAlternateFromEnd;
-    s = ReadHeader(at, &vh_);
+    s = ReadHeader(at, &vh_, &wrapper);
     if (s == api::QORV_OK) {
       alternate_ = true;
       alternateAt_ = at;

@@ -62,7 +62,8 @@ class CFileHfs final : public IAddressMap {
   static constexpr size_t kMaxExtents = 65536;
 
   void Reset(uint32_t fileId, uint8_t forkType, uint64_t logicalSize, uint32_t blockShift, uint64_t volumeBlocks);
-  // Appends extents until a zero-length one; false when the list is full.
+  // Appends the record's extents up to its first empty one; false when
+  // the list is full.
   bool Append(const HfsExtentRecord& record);
   uint32_t FileId() const { return fileId_; }
   uint8_t ForkType() const { return forkType_; }
@@ -82,7 +83,6 @@ class CFileHfs final : public IAddressMap {
   uint32_t shift_ = 0;
   uint64_t volumeBlocks_ = 0;
   uint64_t mappedBlocks_ = 0;
-  bool ended_ = false;
   std::vector<Piece> pieces_;
 };
 
@@ -180,7 +180,7 @@ class CFileSystemHfs : public api::base_noncopyable {
   CHfsBTree& CatalogTree() { return catalogTree_; }
 
  private:
-  api::status_t ReadHeader(uint64_t offset, HfsVolumeHeader* out);
+  api::status_t ReadHeader(uint64_t offset, HfsVolumeHeader* out, bool* wrapper);
   // A fork's whole extent list: its own eight, then overflow records.
   void CollectFork(uint32_t fileId, uint8_t forkType, const HfsForkData& fork, CFileHfs* out);
 

@@ -187,8 +187,8 @@ status_t CHfsScan::WalkCatalog() {
       ByteView rec;
       s = records.Record(i, &rec);
       if (s != api::QORV_OK) break;
-      const uint64_t keyLength = rec.be16(0);
-      if (keyLength > maxKey) continue;
+      const size_t keyLength = rec.be16(0);
+      if (keyLength > maxKey || kKeyLengthBytes + keyLength > rec.Size()) continue;
       ByteView data = rec.Sub(kKeyLengthBytes + keyLength, rec.Size() - kKeyLengthBytes - keyLength);
       if (data.be16(CatalogFile::kRecordType) != CatalogFile::kFileRecord) continue;
       if (data.Size() < CatalogFile::kSize) {
