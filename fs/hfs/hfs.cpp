@@ -149,6 +149,14 @@ status_t CHfsBTree::Open(api::IDeviceRWBlock* dev, const CFileHfs* file, uint32_
   const uint64_t inFile = file->Bytes() / nodeSize;
   const uint32_t total = head.be32(HeaderRecord::kTotalNodes);
   nodeCount_ = uint32_t(total < inFile ? total : inFile);
+  cached_ = windowBytes == 0;
+  if (cached_) {
+    s = cache_.Init(dev, nodeSize, UINT64_MAX, kCachedNodes);
+    if (s != api::QORV_OK) {
+      Close();
+      return s;
+    }
+  }
   if (windowBytes < nodeSize) windowBytes = nodeSize;
   if (windowBytes != windowBytes_) {
     mem_->Free(window_);
@@ -168,6 +176,7 @@ void CHfsBTree::Close() {
   window_ = nullptr;
   windowBytes_ = windowHeld_ = 0;
   file_ = nullptr;
+  cached_ = false;
   nodeSize_ = nodeCount_ = maxKeyLength_ = rootNode_ = 0;
 }
 
@@ -219,6 +228,9 @@ status_t CHfsBTree::Fill(uint64_t offset, uint32_t bytes) {
 status_t CHfsBTree::ReadNode(uint32_t n, ByteView* out) {
   if (!file_ || n >= nodeCount_) return api::ERR_IO_RANGE;
   const uint64_t at = uint64_t(n) * nodeSize_;
+  uint64_t physical = 0, contiguous = 0;
+  if (cached_ && file_->Translate(at, &physical, &contiguous) && contiguous >= nodeSize_)
+    return cache_.Read(physical, out);
   if (!(windowHeld_ && at >= windowAt_ && at + nodeSize_ <= windowAt_ + windowHeld_))
     QORV_TRY(Fill(at, nodeSize_));
   *out = ByteView(window_ + (at - windowAt_), nodeSize_);
@@ -264,11 +276,6 @@ status_t CFileSystemHfs::Mount(api::IDeviceRWBlock* dev) {
   QORV_TRY(s);
   shift_ = uint32_t(Log2Exact(vh_.blockSize));
   return api::QORV_OK;
-}
-
-status_t CFileSystemHfs::ReadBlockBytes(uint64_t block, void* buffer, uint32_t bytes) {
-  if (block >= vh_.totalBlocks) return api::ERR_IO_RANGE;
-  return dev_->ReadBytes(block << shift_, buffer, bytes, 0);
 }
 
 void CFileSystemHfs::CollectFork(uint32_t fileId, uint8_t forkType, const HfsForkData& fork, CFileHfs* out) {

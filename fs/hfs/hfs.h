@@ -10,6 +10,7 @@
 #include "core/api/scanner.h"
 #include "core/bytes.h"
 #include "core/scan/address_map.h"
+#include "core/scan/block_reader.h"
 #include "fs/hfs/hfs_format.h"
 
 namespace QORV {
@@ -103,17 +104,18 @@ class CHfsEntryNumerator {
   uint32_t count_ = 0;
 };
 
-// A B-tree file: its header, and node reads through a window that holds
-// the last node read or, for sequential walks, a run of nodes that lie
-// together on the volume.
+// A B-tree file: its header, and node reads. Searches read through a small
+// cache of nodes; sequential walks through a window that holds a run of
+// nodes lying together on the volume.
 class CHfsBTree : public api::base_noncopyable {
  public:
-  explicit CHfsBTree(api::IBaseMemoryManager* mem) : mem_(mem) {}
+  explicit CHfsBTree(api::IBaseMemoryManager* mem) : mem_(mem), cache_(mem) {}
   ~CHfsBTree() { Close(); }
 
-  // Reads the header node of `file` (which the tree then refers to).
-  // ERR_INCONSISTENT for a header that is not one or a node size the format
-  // does not allow; the device's status for a failed read.
+  // Reads the header node of `file` (which the tree then refers to);
+  // windowBytes 0 asks for the search cache. ERR_INCONSISTENT for a header
+  // that is not one or a node size the format does not allow; the device's
+  // status for a failed read.
   api::status_t Open(api::IDeviceRWBlock* dev, const CFileHfs* file, uint32_t windowBytes);
   void Close();
   bool IsOpen() const { return file_ != nullptr; }
@@ -130,11 +132,14 @@ class CHfsBTree : public api::base_noncopyable {
   api::status_t ReadNode(uint32_t n, ByteView* out);
 
  private:
+  static constexpr uint32_t kCachedNodes = 16;  // a search path, and then some
   api::status_t Fill(uint64_t offset, uint32_t bytes);
   api::IBaseMemoryManager* mem_;
   api::IDeviceRWBlock* dev_ = nullptr;
   const CFileHfs* file_ = nullptr;
-  uint8_t* window_ = nullptr;
+  CBlockReader cache_;
+  bool cached_ = false;
+  uint8_t* window_ = nullptr;  // also puts together a node split between extents
   uint32_t windowBytes_ = 0;
   uint64_t windowAt_ = 0;   // fork offset of the window's first byte
   uint32_t windowHeld_ = 0;  // bytes of it that are valid
@@ -162,9 +167,6 @@ class CFileSystemHfs : public api::base_noncopyable {
   bool FromAlternate() const { return alternate_; }
   uint64_t AlternateOffset() const { return alternateAt_; }
   api::IDeviceRWBlock* Device() const { return dev_; }
-
-  // `bytes` from allocation block `block` (ERR_IO_RANGE past the volume).
-  api::status_t ReadBlockBytes(uint64_t block, void* buffer, uint32_t bytes);
 
   api::status_t OpenExtentsTree();
   bool ExtentsTreeOpen() const { return extentsTree_.IsOpen(); }

@@ -111,7 +111,8 @@ void CHfsScan::MarkJournal() {
   const uint32_t info = vh.journalInfoBlock;
   if (info < total_) session_.Used().Mark(info, 1);
   else session_.Problem("HFS journal info block 0x%x lies beyond the volume's 0x%" PRIx64 " blocks", info, total_);
-  uint8_t raw[JournalInfo::kEnd];
+  // One sector: the fields lie in its first bytes.
+  uint8_t raw[VolumeHeader::kMinBlockSize];
   status_t s = fs_.Device()->ReadBytes(uint64_t(info) << fs_.BlockShift(), raw, sizeof raw, 0);
   if (s != api::QORV_OK) {
     session_.Problem("HFS journal info block 0x%x unreadable (status 0x%x)", info, s);
