@@ -4,12 +4,12 @@
 # the lower bound: one sequential read of as many bytes as its image stores.
 # mdsnap writes its image to /dev/null. Page cache warm; contenders
 # alternate; medians. The volume is small, so process start-up weighs in:
-# ROUNDS defaults to 11.
+# ROUNDS defaults to 21.
 # Targets: mdsnap at most 1.5x the read; peak RSS at most the bitmap plus
 # 16 MiB.
 # Usage: bench/hfs_dump.sh [path/to/mdsnap]   (BENCH_DIR, ROUNDS, FIXTURES may be set)
 set -euo pipefail
-ROUNDS=${ROUNDS:-11}
+ROUNDS=${ROUNDS:-21}
 source "$(dirname "$0")/lib.sh"
 fixtures=${FIXTURES:-$bench_dir/../../shared/fixtures}
 sample=$fixtures/hfsplus/hfsplus_rich_16m.img.zst
