@@ -105,7 +105,8 @@ def round_trip(ctx, vol):
     before = sha256(src)
     raw = vol.raw or ctx.force == "dd"
     fork = getattr(vol, "fork", False)   # HFS+ volumes may be dumped with -fork
-    how = " ".join([""] + mode_args(ctx, raw, vol.data, fork)).replace("-dd", "raw")
+    how = " raw" if raw else " --head" if ctx.force == "head" else " -data" if vol.data else ""
+    how += " -fork" if "-fork" in mode_args(ctx, raw, vol.data, fork) else ""
     print("== %s (%s, %d bytes)%s" % (vol.name, vol.fs, vol_size, how), flush=True)
     out = dump(ctx, src, img, raw=raw, expect_scanner=vol.fs, to_stdout=vol.to_stdout, data=vol.data, fork=fork)
     if sha256(src) != before:
