@@ -4,7 +4,6 @@
 
 namespace QORV {
 
-api::status_t ScanHfs(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs35Minus(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs36Plus(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs1(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }

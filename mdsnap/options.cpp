@@ -157,7 +157,7 @@ std::string LibraryVersionText() {
       {"Mdsnap Fat included", true},         {"BTRFS support included", false},
       {"APFS support included", true},       {"Mdsnap Apfs included", true},
       {"exFAT support included", true},      {"Mdsnap Exfat included", true},
-      {"Hfs+J support included", false},     {"Mdsnap Hfs included", false},
+      {"Hfs+J support included", true},      {"Mdsnap Hfs included", true},
       {"ReFs 1.x support included", false},  {"Mdsnap ReFs 1.x included", false},
       {"ReFs 3.4- support included", false}, {"Mdsnap ReFs 3.5- included", false},
       {"ReFs 3.5+ support included", false}, {"Mdsnap ReFs 3.6+ included", false},

@@ -23,7 +23,7 @@ mk() { # mk TARGET NAME SIZE_KIB COMMAND...: a fresh volume made by COMMAND (vol
   truncate -s "${kib}K" "$tmp/$n"
   if "$@" "$tmp/$n" >/dev/null 2>&1; then cut "$t" "$n" "$tmp/$n"; else echo "skipped seed $n: $1 failed or is missing"; fi
 }
-for t in fat exfat ext ntfs apfs image; do
+for t in fat exfat ext ntfs apfs hfs image; do
   mkdir -p "$out/$t"
   [ -f "$here/seeds/$t.tar.zst" ] && zstd -dc "$here/seeds/$t.tar.zst" | tar -C "$out/$t" -xf -
 done
@@ -52,6 +52,8 @@ sample ext ext
 sample ntfs ntfs
 # mkapfs makes nothing small enough: the APFS seeds are the samples.
 sample apfs apfs
+sample hfsplus hfs
+sample hfsx hfs
 
 # Images of the made volumes, through the tool itself.
 mkdir -p "$out/image"

@@ -33,15 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   testsupport::MemDevice volume(std::vector<uint8_t>(data, data + size));
   QORV::CRWBlockMemMdSnap overlay(&env, &volume);
 
+  uint32_t flags = 0;
+#ifdef FUZZ_FLAGS_FROM_SIZE
+  flags = (size >> 1) & (api::SCAN_DATA | api::SCAN_FORK);
+#endif
   uint8_t* bitmap = nullptr;
   uint64_t blockCount = 0;
   uint32_t blockShift = 0, problems = 0;
-  uint32_t flags = 0;
-#ifdef FUZZ_DATA_ON_BIT1
-  if (size & 2) flags = api::SCAN_DATA;
-#endif
-  api::status_t status =
-      QORV::FUZZ_SCANNER(&env, &overlay, msg, flags, &bitmap, &blockCount, &blockShift, &problems);
+  api::status_t status = QORV::FUZZ_SCANNER(&env, &overlay, msg, flags, &bitmap, &blockCount, &blockShift, &problems);
   overlay.Empty();
 
   if (volume.writes != 0) fuzzsupport::Fail("the scanner wrote the volume");

@@ -60,15 +60,16 @@ def sha256(path):
     return h.hexdigest()
 
 
-def mode_args(ctx, raw, data):
-    return ["-dd"] if raw else ["--head"] if ctx.force == "head" else ["-data"] if data else []
+def mode_args(ctx, raw, data, fork=False):
+    mode = ["-dd"] if raw else ["--head"] if ctx.force == "head" else ["-data"] if data else []
+    return mode + ["-fork"] if fork and not raw and ctx.force != "head" else mode
 
 
-def dump(ctx, src, img, raw=False, expect_scanner=None, to_stdout=False, data=False):
+def dump(ctx, src, img, raw=False, expect_scanner=None, to_stdout=False, data=False, fork=False):
     """Dumps src into img and returns the mdsnap output. A refusal in metadata
     mode names the scanner as the one at fault."""
     util.remove(img)   # a dump does not truncate an existing image
-    args = [ctx.mdsnap, "--dump", "--nopercents"] + mode_args(ctx, raw, data)
+    args = [ctx.mdsnap, "--dump", "--nopercents"] + mode_args(ctx, raw, data, fork)
     if to_stdout:
         with open(img, "wb") as f:
             r = util.run(args + [src], timeout=300, stdout=f)
@@ -103,9 +104,11 @@ def round_trip(ctx, vol):
     vol_size = os.path.getsize(src)
     before = sha256(src)
     raw = vol.raw or ctx.force == "dd"
+    fork = getattr(vol, "fork", False)   # HFS+ volumes may be dumped with -fork
     how = " raw" if raw else " --head" if ctx.force == "head" else " -data" if vol.data else ""
+    how += " -fork" if "-fork" in mode_args(ctx, raw, vol.data, fork) else ""
     print("== %s (%s, %d bytes)%s" % (vol.name, vol.fs, vol_size, how), flush=True)
-    out = dump(ctx, src, img, raw=raw, expect_scanner=vol.fs, to_stdout=vol.to_stdout, data=vol.data)
+    out = dump(ctx, src, img, raw=raw, expect_scanner=vol.fs, to_stdout=vol.to_stdout, data=vol.data, fork=fork)
     if sha256(src) != before:
         raise Fail("%s: the source volume changed during the dump" % vol.name)
     print("  " + out.strip().replace("\n", "\n  "))
@@ -113,7 +116,7 @@ def round_trip(ctx, vol):
     # read-only: the source must come through that run untouched as well.
     nojnl = os.path.join(work, "nojnl.mds")
     util.remove(nojnl)
-    r = util.run([ctx.mdsnap, "--dump", "--silent", "-nojnl"] + mode_args(ctx, raw, vol.data) + ["-f:" + nojnl, src],
+    r = util.run([ctx.mdsnap, "--dump", "--silent", "-nojnl"] + mode_args(ctx, raw, vol.data, fork) + ["-f:" + nojnl, src],
                  timeout=300)
     util.remove(nojnl)
     if r.returncode != 0:

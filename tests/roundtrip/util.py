@@ -96,7 +96,8 @@ def locked(path):
 # The scanner component each file system needs, as the tool's library
 # version text lists it.
 SCANNER_COMPONENT = {"fat": "Mdsnap Fat included", "exfat": "Mdsnap Exfat included", "ext": "Mdsnap Ext included",
-                     "ntfs": "Mdsnap Ntfs included", "apfs": "Mdsnap Apfs included"}
+                     "ntfs": "Mdsnap Ntfs included", "apfs": "Mdsnap Apfs included",
+                     "hfs": "Mdsnap Hfs included"}
 _components = {}
 
 
