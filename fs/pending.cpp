@@ -8,7 +8,6 @@ api::status_t ScanHfs(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs35Minus(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs36Plus(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs1(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
-api::status_t ScanBtrfs(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanApfs(QORV_SCANNER_ARGS, uint32_t) { return api::ERR_NOT_RECOGNIZED; }
 
 }  // namespace QORV

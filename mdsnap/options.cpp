@@ -149,7 +149,7 @@ std::string LibraryVersionText() {
   } kComponents[] = {
       {"NTFSJ support included", true},      {"Mdsnap Ntfs included", true},
       {"Mdsnap Ext included", true},         {"FAT support included", true},
-      {"Mdsnap Fat included", true},         {"BTRFS support included", false},
+      {"Mdsnap Fat included", true},         {"BTRFS support included", true},
       {"APFS support included", false},      {"Mdsnap Apfs included", false},
       {"exFAT support included", true},      {"Mdsnap Exfat included", true},
       {"Hfs+J support included", false},     {"Mdsnap Hfs included", false},
