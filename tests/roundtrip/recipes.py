@@ -516,6 +516,7 @@ GROUPS = {
 
 
 import ntfs  # noqa: E402,F401  (builds on the definitions above and adds itself to them)
+import btrfs  # noqa: E402,F401
 
 
 def volumes_for(ctx, group):
