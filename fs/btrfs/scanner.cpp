@@ -47,8 +47,9 @@ class CBtrFsScan : public ITreeVisitor {
   // Walks one tree from its root; the walk's visited set spans all trees.
   status_t WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level);
   void Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level);
+  // Stage lines are detail: only --verbose shows them.
   void Stage(const char* text) {
-    if (session_.Msg()) session_.Msg()->Trace(2, "%s", text);
+    if (session_.Msg() && session_.Env()->verbose) session_.Msg()->Trace(2, "%s", text);
   }
 
   CBtrFsFileSystem& fs_;

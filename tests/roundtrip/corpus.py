@@ -13,7 +13,7 @@ import shutil
 import util
 from util import Fail, Skip
 
-FOLDERS = ("ext", "fat", "exfat", "ntfs", "nosig")
+FOLDERS = ("ext", "fat", "exfat", "ntfs", "btrfs", "nosig")
 DUMP_TIMEOUT = 30
 CHECK_TIMEOUT = 60
 
@@ -23,6 +23,7 @@ CHECKERS = {
     "FAT": ["fsck.fat", "-n"],
     "exFAT": ["fsck.exfat", "-n"],
     "NTFS": ["ntfsfix", "-n"],
+    "Btrfs": ["btrfs", "check", "--readonly"],
 }
 
 # Low bytes of the statuses a refusal may end with (see the README's table).
@@ -86,6 +87,8 @@ def one(ctx, src, work):
     if r.returncode != 0:
         return "FAIL", "restore failed with status %d\n%s" % (r.returncode, util.tail_lines(r.out)), size
     checker = CHECKERS[fs]
+    if not shutil.which(checker[0]):
+        return "skip", "%s is not installed" % checker[0], size
     a = util.run(checker + [vol], timeout=CHECK_TIMEOUT)
     if a.timed_out or a.returncode < 0:
         return "skip", "%s on the ORIGINAL %s" % (checker[0], "hangs" if a.timed_out else "crashes"), size
