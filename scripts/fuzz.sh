@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang and runs one or all of them.
-# Usage: scripts/fuzz.sh [fat|exfat|ext|ntfs|image|all] [seconds per target]
+# Usage: scripts/fuzz.sh [fat|exfat|ext|ntfs|btrfs|image|all] [seconds per target]
 # Corpora grow in build-fuzz/corpus/<target>; a crash lands in
 # build-fuzz/crashes/<target>/ (keep it in tests/fuzz/regressions/<target>/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 which=${1:-all} seconds=${2:-30}
-targets=(fat exfat ext ntfs image)
+targets=(fat exfat ext ntfs btrfs image)
 [ "$which" = all ] || targets=("$which")
 . tests/fuzz/limits.sh
 

@@ -9,6 +9,7 @@
 max_len() { # max_len TARGET: the largest input in bytes
   case $1 in
     ntfs) echo $((4 << 20)) ;;
+    btrfs) echo $((8 << 20)) ;;  # a small mixed volume puts its trees at 1 and 5 MiB
     image) echo $((256 << 10)) ;;
     *) echo $((1 << 20)) ;;
   esac
