@@ -145,7 +145,7 @@ status_t CBtrFsChunkMap::Add(uint64_t logical, ByteView c, uint32_t sectorSize) 
     why_ = "chunk overlaps another";
     return api::ERR_INCONSISTENT;
   }
-  if (chunks_.size() >= kMaxChunks) {
+  if (chunks_.size() >= kMaxChunks || stripes_.size() + num > kMaxStripes) {
     why_ = "more chunks than the driver keeps";
     return api::ERR_INCONSISTENT;
   }

@@ -47,8 +47,10 @@ bool VerifyCsum(uint16_t type, const uint8_t* unit, uint32_t size);
 class CBtrFsChunkMap final : public IAddressMap {
  public:
   static constexpr uint32_t kMaxCopies = 4;
-  // Chunks beyond this are refused: a bound on memory against a hostile tree.
-  static constexpr size_t kMaxChunks = 1u << 17;
+  // Chunks and stripes beyond these are refused: a bound on memory (and on
+  // sorted insertion) against a hostile tree. A volume the dump can take
+  // (2^32 sectors) has far fewer chunks of 256 MiB and up.
+  static constexpr size_t kMaxChunks = 1u << 15, kMaxStripes = 1u << 17;
 
   void SetDevice(uint64_t devid) { devid_ = devid; }
   // One chunk item (key offset = logical start). A chunk already known
