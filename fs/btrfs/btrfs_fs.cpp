@@ -72,7 +72,11 @@ status_t CBtrFsSuperBlock::Parse(ByteView r) {
   }
   blockShift_ = uint32_t(Log2Exact(blockSize_));
   totalBytes = r.le64(sbf::kTotalBytes);
-  blockCount_ = totalBytes >> blockShift_;
+  numDevices = r.le64(sbf::kNumDevices);
+  // One member of a multi-device volume is as large as its own device item
+  // says: the volume's total would make its image unrestorable onto a
+  // device of the member's size.
+  blockCount_ = (numDevices > 1 ? r.le64(sbf::kDevItem + devf::kTotalBytes) : totalBytes) >> blockShift_;
   if (blockCount_ == 0) {
     why_ = "volume size smaller than one sector";
     return api::ERR_INCONSISTENT;
@@ -81,7 +85,6 @@ status_t CBtrFsSuperBlock::Parse(ByteView r) {
   chunkRoot = r.le64(sbf::kChunkRoot);
   logRoot = r.le64(sbf::kLogRoot);
   generation = r.le64(sbf::kGeneration);
-  numDevices = r.le64(sbf::kNumDevices);
   devid = r.le64(sbf::kDevItem + devf::kDevid);
   rootLevel = r.u8(sbf::kRootLevel);
   chunkRootLevel = r.u8(sbf::kChunkRootLevel);
