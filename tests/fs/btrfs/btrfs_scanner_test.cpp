@@ -366,6 +366,7 @@ TEST(BtrfsHash, KnownAnswers) {
   QORV::Btrfs::Blake2b256(m.data(), 128, d);
   EXPECT_EQ(hex(), "ae2aa48507885c4c950fb809b2076f959cde9f8ea6da260d9a3587df33dac450");
   EXPECT_EQ(QORV::Btrfs::XxHash64("", 0), 0xEF46DB3751D8E999ull);
+  EXPECT_EQ(~QORV::Crc32c(~0u, "123456789", 9), 0xE3069283u);
 }
 
 }  // namespace
