@@ -5,7 +5,6 @@ what a user sees (names, sizes, modes, owners, times, symbolic links, hard
 links, extended attributes), the subvolume list, and the tree dump."""
 import os
 import shutil
-import subprocess
 import tempfile
 from contextlib import contextmanager
 
