@@ -16,12 +16,30 @@ struct ReflectedTable {
   }
 };
 
+// Eight bytes per step ("slicing by 8"): table k gives the effect of a byte
+// followed by k zero bytes. Tree nodes are checksummed whole, so this is
+// where a Btrfs scan spends most of its time.
+struct Crc32cSlices {
+  uint32_t t[8][256];
+  Crc32cSlices() {
+    static const ReflectedTable<uint32_t, 0x82F63B78u> base;
+    for (uint32_t i = 0; i < 256; ++i) t[0][i] = base.entries[i];
+    for (int k = 1; k < 8; ++k)
+      for (uint32_t i = 0; i < 256; ++i) t[k][i] = (t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xFF];
+  }
+};
+
 }  // namespace
 
 uint32_t Crc32c(uint32_t crc, const void* data, size_t size) {
-  static const ReflectedTable<uint32_t, 0x82F63B78u> table;
+  static const Crc32cSlices s;
   const auto* p = static_cast<const uint8_t*>(data);
-  for (size_t i = 0; i < size; ++i) crc = table.entries[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
+  for (; size >= 8; size -= 8, p += 8) {
+    crc ^= uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+    crc = s.t[7][crc & 0xFF] ^ s.t[6][(crc >> 8) & 0xFF] ^ s.t[5][(crc >> 16) & 0xFF] ^ s.t[4][crc >> 24] ^
+          s.t[3][p[4]] ^ s.t[2][p[5]] ^ s.t[1][p[6]] ^ s.t[0][p[7]];
+  }
+  for (; size > 0; --size, ++p) crc = s.t[0][(crc ^ *p) & 0xFF] ^ (crc >> 8);
   return crc;
 }
 

@@ -7,6 +7,5 @@ namespace QORV {
 api::status_t ScanRefs35Minus(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs36Plus(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 api::status_t ScanRefs1(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
-api::status_t ScanBtrfs(QORV_SCANNER_ARGS) { return api::ERR_NOT_RECOGNIZED; }
 
 }  // namespace QORV

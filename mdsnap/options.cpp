@@ -154,7 +154,7 @@ std::string LibraryVersionText() {
   } kComponents[] = {
       {"NTFSJ support included", true},      {"Mdsnap Ntfs included", true},
       {"Mdsnap Ext included", true},         {"FAT support included", true},
-      {"Mdsnap Fat included", true},         {"BTRFS support included", false},
+      {"Mdsnap Fat included", true},         {"BTRFS support included", true},
       {"APFS support included", true},       {"Mdsnap Apfs included", true},
       {"exFAT support included", true},      {"Mdsnap Exfat included", true},
       {"Hfs+J support included", true},      {"Mdsnap Hfs included", true},

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang and runs one or all of them.
-# Usage: scripts/fuzz.sh [fat|exfat|ext|ntfs|apfs|hfs|image|all] [seconds per target] [max executions]
+# Usage: scripts/fuzz.sh [fat|exfat|ext|ntfs|apfs|hfs|btrfs|image|all] [seconds per target] [max executions]
 # (a campaign: scripts/fuzz.sh all 1800 5000000 stops each target at 30 minutes
 # or five million executions, whichever comes first)
 # Corpora grow in build-fuzz/corpus/<target>; a crash lands in
@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 which=${1:-all} seconds=${2:-30} runs=${3:--1}
-targets=(fat exfat ext ntfs apfs hfs image)
+targets=(fat exfat ext ntfs apfs hfs btrfs image)
 [ "$which" = all ] || targets=("$which")
 . tests/fuzz/limits.sh
 

@@ -10,6 +10,7 @@ max_len() { # max_len TARGET: the largest input in bytes
   case $1 in
     ntfs | apfs) echo $((4 << 20)) ;;
     hfs) echo $((2 << 20)) ;;  # the small samples whole, alternate header included
+    btrfs) echo $((8 << 20)) ;;  # a small mixed volume puts its trees at 1 and 5 MiB
     image) echo $((256 << 10)) ;;
     *) echo $((1 << 20)) ;;
   esac

@@ -23,7 +23,7 @@ mk() { # mk TARGET NAME SIZE_KIB COMMAND...: a fresh volume made by COMMAND (vol
   truncate -s "${kib}K" "$tmp/$n"
   if "$@" "$tmp/$n" >/dev/null 2>&1; then cut "$t" "$n" "$tmp/$n"; else echo "skipped seed $n: $1 failed or is missing"; fi
 }
-for t in fat exfat ext ntfs apfs hfs image; do
+for t in fat exfat ext ntfs apfs hfs btrfs image; do
   mkdir -p "$out/$t"
   [ -f "$here/seeds/$t.tar.zst" ] && zstd -dc "$here/seeds/$t.tar.zst" | tar -C "$out/$t" -xf -
 done
@@ -35,6 +35,7 @@ mk exfat exfat 4096 mkfs.exfat
 mk ext ext2 256 mke2fs -q -F -t ext2 -b 1024 -N 32
 mk ext ext4 1024 mke2fs -q -F -t ext4 -b 1024 -N 64
 mk ntfs ntfs 2048 mkntfs -q -F -f -c 512
+mk btrfs btrfs 16384 mkfs.btrfs -q -f -M -n 4096
 
 # sample SUBDIR TARGET: the repository's and the shared samples of one file system.
 sample() {
@@ -54,10 +55,11 @@ sample ntfs ntfs
 sample apfs apfs
 sample hfsplus hfs
 sample hfsx hfs
+sample btrfs btrfs
 
 # Images of the made volumes, through the tool itself.
 mkdir -p "$out/image"
-for v in "$tmp"/fat12 "$tmp"/fat16 "$tmp"/exfat "$tmp"/ext2 "$tmp"/ntfs; do
+for v in "$tmp"/fat12 "$tmp"/fat16 "$tmp"/exfat "$tmp"/ext2 "$tmp"/ntfs "$tmp"/btrfs; do
   [ -f "$v" ] || continue
   "$mdsnap" --dump --silent -f:"$tmp/img" "$v" >/dev/null 2>&1 || continue
   cut image "$(basename "$v").mds" "$tmp/img"

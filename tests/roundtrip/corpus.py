@@ -13,7 +13,7 @@ import shutil
 import util
 from util import Fail, Skip
 
-FOLDERS = ("ext", "fat", "exfat", "ntfs", "apfs", "nosig")
+FOLDERS = ("ext", "fat", "exfat", "ntfs", "btrfs", "apfs", "nosig")
 DUMP_TIMEOUT = 30
 CHECK_TIMEOUT = 60
 
@@ -24,6 +24,7 @@ CHECKERS = {
     "exFAT": ["fsck.exfat", "-n"],
     "NTFS": ["ntfsfix", "-n"],
     "APFS": ["apfsck"],
+    "Btrfs": ["btrfs", "check", "--readonly"],
 }
 
 # Low bytes of the statuses a refusal may end with (see the README's table).
@@ -96,6 +97,8 @@ def one(ctx, src, work):
     if r.returncode != 0:
         return "FAIL", "restore failed with status %d\n%s" % (r.returncode, util.tail_lines(r.out)), size
     checker = CHECKERS[fs]
+    if not shutil.which(checker[0]):
+        return "skip", "%s is not installed" % checker[0], size
     a = util.run(checker + [vol], timeout=CHECK_TIMEOUT)
     if a.timed_out or a.returncode < 0:
         return "skip", "%s on the ORIGINAL %s" % (checker[0], "hangs" if a.timed_out else "crashes"), size

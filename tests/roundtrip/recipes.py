@@ -518,6 +518,7 @@ GROUPS = {
 import ntfs  # noqa: E402,F401  (builds on the definitions above and adds itself to them)
 import apfs  # noqa: E402,F401  (likewise)
 import hfs  # noqa: E402,F401  (likewise)
+import btrfs  # noqa: E402,F401  (likewise)
 
 
 def volumes_for(ctx, group):

@@ -1,0 +1,198 @@
+// Btrfs scan: the primary superblock, then every node of the chunk tree,
+// the root tree with every tree its root items point to, and the log root
+// tree with the log trees. Leaves are kept as nodes; the file data they
+// describe never is. Every copy of a node on this device is kept (DUP and
+// mirrored metadata), the first copy that reads and checks is parsed.
+#include <new>
+
+#include "core/scan/session.h"
+#include "core/scan/tree_walk.h"
+#include "fs/btrfs/btrfs_fs.h"
+#include "fs/scanners.h"
+
+namespace QORV {
+namespace Btrfs {
+namespace {
+
+using api::status_t;
+
+// Trees hang from the root tree's (or log root tree's) leaves, so a node
+// lies at most two trees deep, plus room for root items in odd places.
+constexpr uint32_t kMaxWalkDepth = 4 * kMaxLevel;
+
+const char* KeyTypeName(uint8_t type) {
+  static const struct {
+    uint8_t type;
+    const char* name;
+  } kNames[] = {{0, "BTRFS_UNTYPED_ITEM"}, {1, "INODE_ITEM"},       {12, "INODE_REF"},        {24, "XATTR_ITEM"},
+                {84, "DIR_ITEM"},          {96, "DIR_INDEX"},        {108, "EXTENT_DATA"},     {128, "EXTENT_CSUM"},
+                {132, "ROOT_ITEM"},        {144, "ROOT_BADCKREF"},   {156, "ROOT_REF"},        {168, "EXTENT_ITEM"},
+                {169, "METADATA_ITEM"},    {192, "BLOCK_GROUP_ITEM"}, {204, "DEV_EXTENT"},     {216, "DEV_ITEM"},
+                {228, "CHUNK_ITEM"},       {240, "QGROUP_STATUS"},   {242, "QGROUP_INFO"},     {244, "QGROUP_LIMIT"},
+                {246, "QGROUP_RELATION"},  {249, "PERSISTENT_ITEM"}, {251, "UUID_KEY_SUBVOL"}};
+  for (const auto& n : kNames)
+    if (n.type == type) return n.name;
+  return "UNKNOWN_TYPE";
+}
+
+class CBtrFsScan : public ITreeVisitor {
+ public:
+  CBtrFsScan(CBtrFsFileSystem& fs, CScanSession& session, api::IMessage* trace)
+      : fs_(fs), sb_(fs.Sb()), session_(session), walk_(session, "btrfs tree", kMaxWalkDepth), trace_(trace) {}
+
+  status_t Run();
+  status_t Visit(const WalkNode& node, CTreeWalk& walk) override;
+
+ private:
+  // Walks one tree from its root; the walk's visited set spans all trees.
+  status_t WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level);
+  void Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level);
+  // Stage lines are detail: only --verbose shows them.
+  void Stage(const char* text) {
+    if (session_.Msg() && session_.Env()->verbose) session_.Msg()->Trace(2, "%s", text);
+  }
+
+  CBtrFsFileSystem& fs_;
+  const CBtrFsSuperBlock& sb_;
+  CScanSession& session_;
+  CTreeWalk walk_;
+  api::IMessage* trace_;  // node trace for diagnostics; null in normal use
+  bool chunkTree_ = false;
+  const char* tree_ = "";
+};
+
+void CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level) {
+  if (logical % sb_.BlockSize()) {
+    session_.Problem("%s: node 0x%llx points to 0x%llx, not sector aligned", tree, (unsigned long long)parent,
+                     (unsigned long long)logical);
+    return;
+  }
+  walk_.Add(logical >> sb_.BlockShift(), level);
+}
+
+status_t CBtrFsScan::WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level) {
+  Stage(stage);
+  tree_ = tree;
+  Queue(tree, 0, logical, level);
+  return walk_.Run(*this);
+}
+
+status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
+  const uint64_t logical = wn.address << sb_.BlockShift();
+  const uint32_t level = uint32_t(wn.aux);
+  const uint32_t shift = sb_.BlockShift(), sectors = sb_.nodeSize >> shift;
+  uint64_t copies[CBtrFsChunkMap::kMaxCopies];
+  CBtrFsChunkMap::Miss miss;
+  const uint32_t count = fs_.Chunks().Copies(logical, sb_.nodeSize, copies, &miss);
+  if (count == 0) {
+    const char* why = miss == CBtrFsChunkMap::Miss::kOtherDevice ? "lies only on other devices"
+                      : miss == CBtrFsChunkMap::Miss::kProfile   ? "lies in a parity (RAID5/6) chunk"
+                                                                 : "is not covered by the chunk map";
+    session_.Problem("%s: node 0x%llx (level %u) %s", tree_, (unsigned long long)logical, level, why);
+    return api::QORV_OK;
+  }
+  // Kept before the read, so an unreadable node is still in the image.
+  for (uint32_t i = 0; i < count; ++i) session_.Mark(copies[i] >> shift, sectors, "btrfs tree node");
+  CBtrFsNode node;
+  const char* why = "";
+  status_t s = fs_.ReadNode(logical, level, copies, count, &node, &why);
+  if (s == api::ERR_DEVICE_GONE) return s;
+  if (s != api::QORV_OK) {
+    session_.Problem("%s: node 0x%llx (level %u) at 0x%llx: %s", tree_, (unsigned long long)logical, level,
+                     (unsigned long long)copies[0], why);
+    return api::QORV_OK;
+  }
+  if (trace_)
+    trace_->Trace(2, "\n> Mark block %llx -> lvl = %x, %x items", (unsigned long long)(copies[0] >> shift),
+                  node.Level(), node.Items());
+  // Children are queued last first, so they are visited in item order.
+  for (uint32_t i = node.Items(); i-- > 0;) {
+    if (node.Level() > 0) {
+      const uint64_t child = node.ChildAt(i);
+      if (trace_) {
+        uint64_t phys = 0, run = 0;
+        fs_.Chunks().Translate(child, &phys, &run);
+        trace_->Trace(2, "     -> Next level = %llx (%llx)", (unsigned long long)child,
+                      (unsigned long long)(phys / sb_.nodeSize));
+      }
+      Queue(tree_, logical, child, node.Level() - 1u);
+      continue;
+    }
+    const CBtrFsNode::Key key = node.KeyAt(i);
+    if (trace_)
+      trace_->Trace(2, "%4u: Key: (%8llx   %2x:%s   %8llx)", i, (unsigned long long)key.objectId, key.type,
+                    KeyTypeName(key.type), (unsigned long long)key.offset);
+    if (chunkTree_ && key.type == key::kChunkItem && key.objectId == kFirstChunkTreeObjectId) {
+      if (fs_.Chunks().Add(key.offset, node.DataAt(i), sb_.BlockSize()) != api::QORV_OK)
+        session_.Problem("chunk tree: node 0x%llx item %u (chunk 0x%llx): %s", (unsigned long long)logical, i,
+                         (unsigned long long)key.offset, fs_.Chunks().Why());
+      continue;
+    }
+    if (key.type != key::kRootItem) continue;
+    ByteView item = node.DataAt(i);
+    if (!item.Has(0, rootf::kMinBytes)) {
+      session_.Problem("%s: node 0x%llx item %u: root item of %zu bytes", tree_, (unsigned long long)logical, i,
+                       item.Size());
+      continue;
+    }
+    const uint8_t rootLevel = item.u8(rootf::kLevel);
+    if (rootLevel >= kMaxLevel) {
+      session_.Problem("%s: node 0x%llx item %u: root item level %u", tree_, (unsigned long long)logical, i, rootLevel);
+      continue;
+    }
+    Queue(tree_, logical, item.le64(rootf::kBytenr), rootLevel);
+  }
+  return api::QORV_OK;
+}
+
+status_t CBtrFsScan::Run() {
+  // The primary superblock; the mirrors are left out.
+  const uint64_t first = kSuperOffset >> sb_.BlockShift();
+  session_.Mark(first, (kSuperBytes + sb_.BlockSize() - 1) >> sb_.BlockShift(), "superblock");
+  if (!sb_.csumKnown)
+    session_.Problem("superblock: checksum type %u unknown, nodes taken unchecked", sb_.csumType);
+  // The chunk tree lives in system chunks, which the superblock's array maps;
+  // its chunk items complete the map the other trees need.
+  chunkTree_ = true;
+  QORV_TRY(WalkTree("Scanning chunk tree ...", "chunk tree", sb_.chunkRoot, sb_.chunkRootLevel));
+  chunkTree_ = false;
+  QORV_TRY(WalkTree("Scanning root tree ...", "root tree", sb_.root, sb_.rootLevel));
+  if (sb_.logRoot) QORV_TRY(WalkTree("Scanning log root tree ...", "log root tree", sb_.logRoot, sb_.logRootLevel));
+  return api::QORV_OK;
+}
+
+}  // namespace
+}  // namespace Btrfs
+
+api::status_t ScanBtrfs(QORV_SCANNER_ARGS) {
+  using namespace Btrfs;
+  ClearScanOutputs(bitmap, problems);
+  // Refused before anything is read: file data is never kept for Btrfs.
+  if (scanFlags & api::SCAN_DATA) return api::ERR_NOT_SUPPORTED;
+  CScanSession session(env, dev, msg);
+  void* mem = env->mem->Allocate(sizeof(CBtrFsFileSystem), 0);
+  if (!mem) return api::ERR_NO_MEMORY;
+  auto* fs = new (mem) CBtrFsFileSystem(env, session.Device());
+  api::status_t s = fs->Mount();
+  if (s != api::QORV_OK && s != api::ERR_NOT_RECOGNIZED && msg)
+    msg->Trace(1, "Btrfs volume refused: %s.", fs->Why());
+  else if (s == api::ERR_NOT_RECOGNIZED && *fs->Why() && msg && env->verbose)
+    msg->Trace(1, "Btrfs magic found, but: %s.", fs->Why());
+  if (s == api::QORV_OK) {
+    const CBtrFsSuperBlock& sb = fs->Sb();
+    if (msg && env->verbose)
+      msg->Trace(1, "%s: sector shift %u, node size %u, %llu devices, checksum type %u", kBanner, sb.BlockShift(),
+                 sb.nodeSize, (unsigned long long)sb.numDevices, sb.csumType);
+    // A bitmap beyond 32-bit block numbers could never be dumped.
+    s = sb.BlockCount() > 0xFFFFFFFFull ? api::ERR_TOO_BIG : session.CreateBitmap(sb.BlockCount(), sb.BlockShift());
+    if (s == api::QORV_OK) {
+      CBtrFsScan scan(*fs, session, nullptr);
+      s = scan.Run();
+    }
+  }
+  fs->~CBtrFsFileSystem();
+  env->mem->Free(mem);
+  return session.Finish(s, bitmap, blockCount, blockShift, problems);
+}
+
+}  // namespace QORV

@@ -1,0 +1,372 @@
+// Btrfs scanner against the pre-built mkfs.btrfs volume in tests/data (see
+// make_btrfs_small.sh: 4 KiB nodes, DUP metadata, a read-only snapshot
+// sharing nodes with its subvolume, a log tree) and damaged copies of it.
+// Nodes are found for damage by their own headers, not through the driver.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/checksum.h"
+#include "fs/btrfs/hash.h"
+#include "fs/scanners.h"
+#include "tests/support/cli.h"
+#include "tests/support/file_device.h"
+#include "tests/support/recording_message.h"
+#include "tests/support/scan_result.h"
+
+namespace {
+
+using testsupport::MemDevice;
+using testsupport::RecordingMessage;
+using testsupport::ScanResult;
+
+constexpr size_t kSuper = 0x10000, kNode = 4096, kSector = 4096;
+constexpr size_t kHeader = 101, kKeyPtr = 33, kItem = 25;
+constexpr uint64_t kFsTree = 5, kRootTree = 1;
+
+uint64_t Le(const std::vector<uint8_t>& b, size_t at, int n) {
+  uint64_t v = 0;
+  for (int i = n; i-- > 0;) v = (v << 8) | b[at + i];
+  return v;
+}
+void PutLe(std::vector<uint8_t>& b, size_t at, uint64_t v, int n) {
+  for (int i = 0; i < n; ++i) b[at + i] = uint8_t(v >> (8 * i));
+}
+
+const std::vector<uint8_t>& Small() {
+  static std::vector<uint8_t> bytes;
+  if (bytes.empty()) {
+    testsupport::TempDir dir;
+    std::string path = dir / "small.img";
+    std::string src = std::string(MDSNAP_SOURCE_DIR) + "/tests/data/btrfs_small.img.zst";
+    if (std::system(("zstd -q -d -f -o '" + path + "' '" + src + "'").c_str()) == 0) {
+      std::string s = testsupport::ReadFile(path);
+      bytes.assign(s.begin(), s.end());
+    }
+  }
+  return bytes;
+}
+
+// A node copy as its header describes it.
+struct Found {
+  size_t at;
+  uint64_t owner;
+  uint8_t level;
+};
+
+struct Copy {
+  std::vector<uint8_t> img = Small();
+
+  void SealBlock(size_t at, size_t size) {
+    uint32_t c = ~QORV::Crc32c(~0u, img.data() + at + 32, size - 32);
+    std::fill(img.begin() + long(at), img.begin() + long(at + 32), 0);
+    PutLe(img, at, c, 4);
+  }
+  void SealSuper() { SealBlock(kSuper, 4096); }
+  void SealNode(size_t at) { SealBlock(at, kNode); }
+
+  // Every node copy, by logical address: a 4 KiB block whose header carries
+  // the volume's fsid and whose checksum verifies.
+  std::map<uint64_t, std::vector<Found>> Nodes() const {
+    std::map<uint64_t, std::vector<Found>> out;
+    for (size_t at = kSuper + kSector; at + kNode <= img.size(); at += kSector) {
+      if (!std::equal(img.begin() + long(at + 32), img.begin() + long(at + 48), img.begin() + long(kSuper + 32)))
+        continue;
+      if (uint32_t(Le(img, at, 4)) != ~QORV::Crc32c(~0u, img.data() + at + 32, kNode - 32)) continue;
+      out[Le(img, at + 48, 8)].push_back(Found{at, Le(img, at + 88, 8), img[at + 100]});
+    }
+    return out;
+  }
+  // Edits every copy of a node, then seals each again.
+  template <class F>
+  void EditNode(const std::vector<size_t>& copies, F edit) {
+    for (size_t at : copies) {
+      edit(at);
+      SealNode(at);
+    }
+  }
+};
+
+// The pre-built volume's nodes, found once.
+const std::map<uint64_t, std::vector<Found>>& SmallNodes() {
+  static const std::map<uint64_t, std::vector<Found>> nodes = Copy().Nodes();
+  return nodes;
+}
+
+// Both copies of the first node of `owner` at `level` that a clean scan
+// reached (older generations of nodes linger on disk too).
+std::vector<size_t> CopiesOf(uint64_t owner, uint8_t level, const ScanResult& clean) {
+  for (const auto& [logical, copies] : SmallNodes()) {
+    if (copies.size() != 2 || copies[0].owner != owner || copies[0].level != level) continue;
+    if (!clean.Test(copies[0].at / kSector)) continue;
+    return {copies[0].at, copies[1].at};
+  }
+  return {};
+}
+
+// A device that fails reads touching chosen byte ranges, or vanishes.
+class FailingDevice : public MemDevice {
+ public:
+  using MemDevice::MemDevice;
+  api::status_t ReadBytes(uint64_t off, void* buf, uint32_t n, uint32_t flags) override {
+    offsets.push_back(off);
+    for (uint64_t bad : failAt)
+      if (off <= bad && bad < off + n) return gone ? api::ERR_DEVICE_GONE : api::ERR_SHORT_IO;
+    return MemDevice::ReadBytes(off, buf, n, flags);
+  }
+  std::vector<uint64_t> failAt;
+  std::vector<uint64_t> offsets;
+  bool gone = false;
+};
+
+bool HasLineStarting(const RecordingMessage& m, const std::string& start) {
+  for (const auto& l : m.lines)
+    if (l.rfind(start, 0) == 0) return true;
+  return false;
+}
+
+ScanResult Scan(std::vector<uint8_t> img, RecordingMessage* msg = nullptr, uint32_t flags = 0,
+                FailingDevice** keep = nullptr) {
+  static std::unique_ptr<FailingDevice> last;
+  last = std::make_unique<FailingDevice>(std::move(img), 4096);
+  if (keep) *keep = last.get();
+  return testsupport::RunScanner(QORV::ScanBtrfs, last.get(), msg, flags, true);
+}
+
+TEST(BtrfsScanner, CleanVolumeKeepsEveryCopyOfEveryNodeReadOnce) {
+  ASSERT_FALSE(Small().empty()) << "tests/data/btrfs_small.img.zst could not be decompressed (zstd missing?)";
+  Copy c;
+  const auto& nodes = SmallNodes();
+  RecordingMessage msg;
+  FailingDevice* dev = nullptr;
+  ScanResult r = Scan(c.img, &msg, 0, &dev);
+  ASSERT_EQ(r.status, 0u);
+  EXPECT_EQ(r.k, 12u);
+  EXPECT_EQ(r.n, Le(c.img, kSuper + 0x70, 8) / kSector);
+  EXPECT_EQ(r.problems, 0u);
+  EXPECT_TRUE(r.Test(kSuper / kSector));
+  EXPECT_FALSE(r.Test((64u << 20) / kSector)) << "the first mirror superblock is not kept";
+  // The three stages, in order, and nothing else at their level.
+  std::vector<std::string> stages;
+  for (const auto& l : msg.lines)
+    if (l.rfind("2:", 0) == 0) stages.push_back(l);
+  EXPECT_EQ(stages, (std::vector<std::string>{"2:Scanning chunk tree ...", "2:Scanning root tree ...",
+                                              "2:Scanning log root tree ..."}));
+  // Each reachable node was read once (a snapshot's shared nodes too), and
+  // both of its copies are kept. Stale nodes from older generations are on
+  // disk as well, so the reachable ones are a subset of what the headers show.
+  std::set<uint64_t> reads(dev->offsets.begin(), dev->offsets.end());
+  EXPECT_EQ(reads.size(), dev->offsets.size()) << "a block was read twice";
+  size_t kept = 0;
+  for (const auto& [logical, copies] : nodes) {
+    bool any = false;
+    for (const Found& f : copies) any |= r.Test(f.at / kSector);
+    if (!any) continue;
+    ++kept;
+    EXPECT_EQ(copies.size(), 2u);
+    for (const Found& f : copies) EXPECT_TRUE(r.Test(f.at / kSector)) << "one copy of 0x" << std::hex << logical;
+  }
+  EXPECT_EQ(r.CountSet(), 1 + 2 * kept);
+  EXPECT_EQ(reads.size(), 1 + kept) << "the superblock and one copy of each node";
+}
+
+TEST(BtrfsScanner, DataRefusedBeforeAnyReadAndRecognition) {
+  Copy c;
+  FailingDevice* dev = nullptr;
+  ScanResult r = Scan(c.img, nullptr, api::SCAN_DATA, &dev);
+  EXPECT_EQ(r.status, api::ERR_NOT_SUPPORTED);
+  EXPECT_TRUE(dev->offsets.empty());
+  EXPECT_TRUE(r.bitmapNull);
+
+  // Not Btrfs, or a superblock whose checksum fails: not recognised.
+  Copy noMagic;
+  noMagic.img[kSuper + 0x40] ^= 1;
+  noMagic.SealSuper();
+  EXPECT_EQ(Scan(noMagic.img).status, api::ERR_NOT_RECOGNIZED);
+  Copy badSum;
+  badSum.img[kSuper + 0x300] ^= 1;
+  EXPECT_EQ(Scan(badSum.img).status, api::ERR_NOT_RECOGNIZED);
+  std::vector<uint8_t> tiny(c.img.begin(), c.img.begin() + kSuper + 100);
+  EXPECT_EQ(Scan(tiny).status, api::ERR_NOT_RECOGNIZED);
+
+  // Sector and node sizes outside powers of two from 4 KiB to 64 KiB.
+  const std::pair<uint32_t, uint32_t> sizes[] = {{6144, 4096}, {2048, 4096},   {131072, 131072},
+                                                 {4096, 12288}, {8192, 4096}, {4096, 131072}, {0, 0}};
+  for (auto [sector, node] : sizes) {
+    Copy bad;
+    PutLe(bad.img, kSuper + 0x90, sector, 4);
+    PutLe(bad.img, kSuper + 0x94, node, 4);
+    bad.SealSuper();
+    RecordingMessage msg;
+    ScanResult rb = Scan(std::move(bad.img), &msg);
+    EXPECT_EQ(rb.status, api::ERR_INCONSISTENT) << sector << "/" << node;
+    EXPECT_TRUE(msg.Has(1, "Btrfs volume refused: sector or node size not a power of two between 4 KiB and 64 KiB."));
+    EXPECT_TRUE(rb.bitmapNull);
+  }
+
+  // A checksum type the driver does not know: accepted, nodes unchecked,
+  // one problem counted.
+  Copy unknown;
+  PutLe(unknown.img, kSuper + 0xC4, 7, 2);
+  ScanResult ru = Scan(unknown.img);
+  EXPECT_EQ(ru.status, 0u);
+  EXPECT_EQ(ru.problems, 1u);
+
+  // Without a log root, two stages only.
+  Copy noLog;
+  PutLe(noLog.img, kSuper + 0x60, 0, 8);
+  noLog.SealSuper();
+  RecordingMessage msg;
+  ScanResult rn = Scan(noLog.img, &msg);
+  EXPECT_EQ(rn.status, 0u);
+  EXPECT_FALSE(msg.Has(2, "Scanning log root tree ..."));
+  EXPECT_TRUE(msg.Has(2, "Scanning root tree ..."));
+  EXPECT_LT(rn.CountSet(), Scan(c.img).CountSet());
+}
+
+// Damage to one node is counted once; the node stays kept, its subtree is
+// missing, and every other tree is still walked.
+TEST(BtrfsScanner, DamagedNodesAreCountedAndSkipped) {
+  const ScanResult clean = Scan(Small());
+  ASSERT_EQ(clean.status, 0u);
+  const std::vector<size_t> leaf = CopiesOf(kFsTree, 0, clean);
+  const std::vector<size_t> rootNode = CopiesOf(kRootTree, 1, clean);
+  ASSERT_EQ(leaf.size(), 2u);
+  ASSERT_EQ(rootNode.size(), 2u);
+
+  struct Case {
+    const char* what;
+    std::function<void(Copy&)> damage;
+    uint32_t problems;
+    const std::vector<size_t>& damaged;
+  };
+  const Case cases[] = {
+      {"one copy's checksum fails: the other is read", [&](Copy& c) { c.img[leaf[0] + 200] ^= 0xFF; }, 0, leaf},
+      {"both copies' checksums fail",
+       [&](Copy& c) {
+         for (size_t at : leaf) c.img[at + 200] ^= 0xFF;
+       },
+       1, leaf},
+      {"impossible level", [&](Copy& c) { c.EditNode(leaf, [&](size_t at) { c.img[at + 100] = 9; }); }, 1, leaf},
+      {"impossible item count",
+       [&](Copy& c) { c.EditNode(leaf, [&](size_t at) { PutLe(c.img, at + 96, 0x10000, 4); }); }, 1, leaf},
+      {"item data beyond the node",
+       [&](Copy& c) { c.EditNode(leaf, [&](size_t at) { PutLe(c.img, at + kHeader + 17, 0xFFF0, 4); }); }, 1, leaf},
+      {"node names another address",
+       [&](Copy& c) { c.EditNode(leaf, [&](size_t at) { PutLe(c.img, at + 48, Le(c.img, at + 48, 8) + kNode, 8); }); },
+       1, leaf},
+      {"child outside the chunk map",
+       [&](Copy& c) {
+         c.EditNode(rootNode, [&](size_t at) { PutLe(c.img, at + kHeader + 17, 0x7FFF00000000ull, 8); });
+       },
+       1, rootNode},
+      {"child unaligned",
+       [&](Copy& c) {
+         c.EditNode(rootNode, [&](size_t at) { PutLe(c.img, at + kHeader + 17, Le(c.img, at + kHeader + 17, 8) + 1, 8); });
+       },
+       1, rootNode},
+  };
+  for (const Case& k : cases) {
+    Copy c;
+    k.damage(c);
+    RecordingMessage msg;
+    ScanResult r = Scan(std::move(c.img), &msg);
+    EXPECT_EQ(r.status, 0u) << k.what;
+    EXPECT_EQ(r.problems, k.problems) << k.what;
+    for (size_t at : k.damaged) EXPECT_TRUE(r.Test(at / kSector)) << k.what << ": the damaged node itself is kept";
+    EXPECT_TRUE(msg.Has(2, "Scanning log root tree ...")) << k.what << ": later trees still walked";
+    EXPECT_LE(r.CountSet(), clean.CountSet()) << k.what;
+    if (k.problems) {
+      EXPECT_TRUE(HasLineStarting(msg, "1:Problem 1: ")) << k.what << ": the reason is traced";
+    }
+  }
+}
+
+TEST(BtrfsScanner, CyclesReadFailuresAndAVanishedDevice) {
+  const ScanResult clean = Scan(Small());
+  // A root item pointing back at the root tree's own root (an ancestor):
+  // the walk ends, nothing is read twice.
+  {
+    Copy c;
+    const uint64_t root = Le(c.img, kSuper + 0x50, 8);
+    bool edited = false;
+    for (const auto& [logical, copies] : SmallNodes()) {
+      if (copies.size() != 2 || copies[0].owner != kRootTree || copies[0].level != 0 || edited) continue;
+      if (!clean.Test(copies[0].at / kSector)) continue;
+      c.EditNode({copies[0].at, copies[1].at}, [&](size_t at) {
+        for (uint32_t i = 0; i < Le(c.img, at + 96, 4); ++i) {
+          size_t item = at + kHeader + i * kItem;
+          if (c.img[item + 8] != 132) continue;
+          size_t data = at + kHeader + Le(c.img, item + 17, 4);
+          PutLe(c.img, data + 0xB0, root, 8);
+          c.img[data + 0xEE] = 1;
+          edited = true;
+          break;
+        }
+      });
+    }
+    ASSERT_TRUE(edited);
+    FailingDevice* dev = nullptr;
+    ScanResult r = Scan(c.img, nullptr, 0, &dev);
+    EXPECT_EQ(r.status, 0u);
+    std::set<uint64_t> reads(dev->offsets.begin(), dev->offsets.end());
+    EXPECT_EQ(reads.size(), dev->offsets.size());
+    EXPECT_LE(r.CountSet(), clean.CountSet());
+  }
+  // A node whose reads fail on both copies: one problem, kept, walk goes on.
+  const std::vector<size_t> inner = CopiesOf(kFsTree, 1, clean);
+  ASSERT_EQ(inner.size(), 2u) << "the pre-built fs tree has two levels";
+  {
+    FailingDevice* dev = nullptr;
+    RecordingMessage msg;
+    static std::unique_ptr<FailingDevice> keep;
+    keep = std::make_unique<FailingDevice>(Small(), 4096);
+    dev = keep.get();
+    dev->failAt = {inner[0], inner[1]};
+    ScanResult r = testsupport::RunScanner(QORV::ScanBtrfs, dev, &msg, 0, true);
+    EXPECT_EQ(r.status, 0u);
+    EXPECT_EQ(r.problems, 1u);
+    EXPECT_TRUE(r.Test(inner[0] / kSector) && r.Test(inner[1] / kSector));
+    EXPECT_LT(r.CountSet(), clean.CountSet()) << "the fs tree's leaves are missing";
+    EXPECT_TRUE(msg.Has(2, "Scanning log root tree ..."));
+    // The same node on a device that vanished ends the scan.
+    keep = std::make_unique<FailingDevice>(Small(), 4096);
+    keep->failAt = {inner[0]};
+    keep->gone = true;
+    ScanResult g = testsupport::RunScanner(QORV::ScanBtrfs, keep.get(), nullptr, 0, false);
+    EXPECT_EQ(g.status, api::ERR_DEVICE_GONE);
+    EXPECT_TRUE(g.bitmapNull);
+  }
+  // A volume cut short: the nodes past its end are counted, never a crash.
+  std::vector<uint8_t> cut(Small().begin(), Small().begin() + (24u << 20));
+  ScanResult rc = Scan(cut);
+  EXPECT_EQ(rc.status, 0u);
+  EXPECT_GT(rc.problems, 0u);
+}
+
+TEST(BtrfsHash, KnownAnswers) {
+  uint8_t d[32];
+  auto hex = [&]() {
+    std::string s;
+    for (uint8_t b : d) s += "0123456789abcdef"[b >> 4], s += "0123456789abcdef"[b & 15];
+    return s;
+  };
+  QORV::Btrfs::Sha256("abc", 3, d);
+  EXPECT_EQ(hex(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  std::string m(1000, 'a');  // several blocks, a tail past the length field
+  QORV::Btrfs::Sha256(m.data(), 56, d);
+  EXPECT_EQ(hex(), "b35439a4ac6f0948b6d6f9e3c6af0f5f590ce20f1bde7090ef7970686ec6738a");
+  QORV::Btrfs::Blake2b256("abc", 3, d);
+  EXPECT_EQ(hex(), "bddd813c634239723171ef3fee98579b94964e3bb1cb3e427262c8c068d52319");
+  QORV::Btrfs::Blake2b256(m.data(), 128, d);
+  EXPECT_EQ(hex(), "ae2aa48507885c4c950fb809b2076f959cde9f8ea6da260d9a3587df33dac450");
+  EXPECT_EQ(QORV::Btrfs::XxHash64("", 0), 0xEF46DB3751D8E999ull);
+  EXPECT_EQ(~QORV::Crc32c(~0u, "123456789", 9), 0xE3069283u);
+}
+
+}  // namespace
