@@ -167,8 +167,6 @@ status_t CBtrFsScan::Run() {
 api::status_t ScanBtrfs(QORV_SCANNER_ARGS) {
   using namespace Btrfs;
   ClearScanOutputs(bitmap, problems);
-  // Refused before anything is read: file data is never kept for Btrfs.
-  if (scanFlags & api::SCAN_DATA) return api::ERR_NOT_SUPPORTED;
   CScanSession session(env, dev, msg);
   void* mem = env->mem->Allocate(sizeof(CBtrFsFileSystem), 0);
   if (!mem) return api::ERR_NO_MEMORY;
@@ -178,6 +176,10 @@ api::status_t ScanBtrfs(QORV_SCANNER_ARGS) {
     msg->Trace(1, "Btrfs volume refused: %s.", fs->Why());
   else if (s == api::ERR_NOT_RECOGNIZED && *fs->Why() && msg && env->verbose)
     msg->Trace(1, "Btrfs magic found, but: %s.", fs->Why());
+  // File data is never kept for Btrfs: refused once the volume is known to
+  // be Btrfs (other volumes must stay free to reach their own scanners) and
+  // before any tree is read.
+  if (s == api::QORV_OK && (scanFlags & api::SCAN_DATA)) s = api::ERR_NOT_SUPPORTED;
   if (s == api::QORV_OK) {
     const CBtrFsSuperBlock& sb = fs->Sb();
     if (msg && env->verbose)

@@ -175,12 +175,12 @@ TEST(BtrfsScanner, CleanVolumeKeepsEveryCopyOfEveryNodeReadOnce) {
   EXPECT_EQ(reads.size(), 1 + kept) << "the superblock and one copy of each node";
 }
 
-TEST(BtrfsScanner, DataRefusedBeforeAnyReadAndRecognition) {
+TEST(BtrfsScanner, DataRefusedBeforeAnyTreeReadAndRecognition) {
   Copy c;
   FailingDevice* dev = nullptr;
   ScanResult r = Scan(c.img, nullptr, api::SCAN_DATA, &dev);
   EXPECT_EQ(r.status, api::ERR_NOT_SUPPORTED);
-  EXPECT_TRUE(dev->offsets.empty());
+  ASSERT_EQ(dev->offsets.size(), 1u) << "the superblock only";
   EXPECT_TRUE(r.bitmapNull);
 
   // Not Btrfs, or a superblock whose checksum fails: not recognised.
@@ -188,6 +188,8 @@ TEST(BtrfsScanner, DataRefusedBeforeAnyReadAndRecognition) {
   noMagic.img[kSuper + 0x40] ^= 1;
   noMagic.SealSuper();
   EXPECT_EQ(Scan(noMagic.img).status, api::ERR_NOT_RECOGNIZED);
+  // -data on another file system leaves the search to the next scanner.
+  EXPECT_EQ(Scan(noMagic.img, nullptr, api::SCAN_DATA).status, api::ERR_NOT_RECOGNIZED);
   Copy badSum;
   badSum.img[kSuper + 0x300] ^= 1;
   EXPECT_EQ(Scan(badSum.img).status, api::ERR_NOT_RECOGNIZED);
