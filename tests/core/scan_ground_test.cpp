@@ -16,23 +16,6 @@
 using namespace QORV;
 using namespace testsupport;
 
-namespace {
-
-// A device that vanishes once `failAt` reads have been made.
-class VanishingDevice : public MemDevice {
- public:
-  VanishingDevice(std::vector<uint8_t> b, int failAt) : MemDevice(std::move(b)), left_(failAt) {}
-  api::status_t ReadBytes(uint64_t off, void* buf, uint32_t n, uint32_t flags) override {
-    if (left_-- <= 0) return api::ERR_DEVICE_GONE;
-    return MemDevice::ReadBytes(off, buf, n, flags);
-  }
-
- private:
-  int left_;
-};
-
-}  // namespace
-
 TEST(ScanSession, MarkingPastTheEndIsCutCountedAndExplainedUnderVerbose) {
   TestEnv t;
   t.env.verbose = true;
@@ -77,31 +60,6 @@ TEST(ScanSession, QuietWithoutVerboseAndFreesTheBitmapOnFailure) {
   }
   EXPECT_TRUE(msg.lines.empty());
   EXPECT_EQ(t.mem.allocations, t.mem.frees);
-}
-
-TEST(ScanSession, PollAnswersAStopRequestAndAVanishedDevice) {
-  TestEnv t;
-  RecordingMessage msg;
-  VanishingDevice dev(std::vector<uint8_t>(4096), 1);
-  CScanSession session(&t.env, &dev, &msg);
-  ASSERT_EQ(session.CreateBitmap(8, 9), api::QORV_OK);
-  EXPECT_EQ(session.Poll(), api::QORV_OK);
-  msg.stop = 1;
-  // The sink is asked only every so often, so a poll stays cheap.
-  api::status_t s = api::QORV_OK;
-  for (int i = 0; i < 300 && s == api::QORV_OK; ++i) s = session.Poll();
-  EXPECT_EQ(s, api::ERR_TOO_BIG);
-  msg.stop = 0;
-  uint8_t buf[512];
-  EXPECT_EQ(session.Device()->ReadBytes(0, buf, 512, 0), api::QORV_OK);
-  EXPECT_EQ(session.Device()->ReadBytes(0, buf, 512, 0), api::ERR_DEVICE_GONE);
-  EXPECT_EQ(session.Poll(), api::ERR_DEVICE_GONE);
-  uint8_t* bitmap = nullptr;
-  uint64_t n;
-  uint32_t k, problems;
-  // A scanner that tolerated the failed read still ends with the vanished device.
-  EXPECT_EQ(session.Finish(api::QORV_OK, &bitmap, &n, &k, &problems), api::ERR_DEVICE_GONE);
-  EXPECT_EQ(bitmap, nullptr);
 }
 
 TEST(VisitedSet, SparseKeysAcrossTheWholeRange) {

@@ -400,27 +400,12 @@ TEST(Cli, RestoreTargetsHoldEveryStoredBlockAndTheTail) {
   EXPECT_TRUE(largeBytes.substr(0, 19 << 20) == ReadFile(dir / "out.img").substr(0, 19 << 20));
 }
 
-TEST(Cli, TruncatedAndCorruptImages) {
+TEST(Cli, CorruptAndHostileHeaders) {
   TempDir dir;
   MakeVolume(dir, "vol.img", 1 << 20);
   ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
   std::string img = ReadFile(dir / "img.mds");
-  struct Case {
-    size_t keep;
-    int status;
-    const char* message;
-  } cases[] = {
-      {10, kShortIo, "failed to read dump file header"},
-      {64, kShortIo, "failed to read dump file bitmap"},
-      {100, kShortIo, "failed to read aligned tail from dump file"},
-      {4096 + 1000, kShortIo, "failed to read dump file data"},
-  };
-  for (const Case& c : cases) {
-    WriteFile(dir / "cut.mds", img.substr(0, c.keep));
-    RunResult r = Sh(dir, "MDSNAP --restore -c --nopercents -f:cut.mds out.img");
-    EXPECT_EQ(r.status, c.status) << c.keep;
-    EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << c.keep << r.out << r.err;
-  }
+  WriteFile(dir / "cut.mds", img.substr(0, 100));
   std::string bad = img;
   std::memcpy(&bad[0], "garbage header!", 15);
   WriteFile(dir / "bad.mds", bad);
@@ -485,8 +470,12 @@ TEST(Cli, DamagedImagesFromFilesAndPipesEndTheSameWay) {
     RunResult pipe = Sh(dir, "rm -f out.img; cat cut.mds | MDSNAP --restore -c --nopercents out.img");
     EXPECT_EQ(file.status, pipe.status) << cut;
     EXPECT_EQ(file.err, pipe.err) << cut;
-    EXPECT_TRUE(file.status == 0 || file.status == kShortIo) << cut << " " << file.status << file.err;
-    EXPECT_EQ(cut >= end, file.status == 0) << cut << file.err;  // the tail is optional
+    EXPECT_EQ(file.status, cut >= end ? 0 : kShortIo) << cut << file.err;  // the tail is optional
+    const char* message = cut < 64 ? "failed to read dump file header" : cut < 65 ? "failed to read dump file bitmap"
+                          : cut < data ? "failed to read aligned tail from dump file" : "failed to read dump file data";
+    if (cut < end && cut != 65) {  // a cut inside the one-byte bitmap's page: either message
+      EXPECT_NE((file.out + file.err).find(message), std::string::npos) << cut << file.out << file.err;
+    }
     RunResult info = Sh(dir, "cat cut.mds | MDSNAP -info");
     EXPECT_EQ(info.status, cut < 64 ? 256 - 5 : 0) << cut << info.out << info.err;
   }
@@ -554,21 +543,12 @@ TEST(Cli, InterruptStopsALongDumpWithTooBig) {
   EXPECT_EQ(r.status, 0x28) << r.out << r.err;
 }
 
-TEST(Cli, ExFatSampleDumpsRestoresAndRefusesData) {
+// The exFAT scanner has no -data: the run says so and ends with its status.
+// (Dump, restore and checker of the samples are the round trips'.)
+TEST(Cli, ExFatRefusesData) {
   TempDir dir;
   std::string vol = Fixture(dir, "exfat/exfat_win_512b_cluster.img.zst");
   if (vol.empty()) GTEST_SKIP() << "sample volumes or zstd not available";
-  RunResult dump = Sh(dir, "MDSNAP --dump --nopercents -f:img.mds '" + vol + "'");
-  ASSERT_EQ(dump.status, 0) << dump.out;
-  EXPECT_NE(dump.out.find("Scanning exFAT...\n"), std::string::npos) << dump.out;
-  EXPECT_NE(dump.out.find("Recognized as exFAT.\n"), std::string::npos) << dump.out;
-  EXPECT_EQ(Sh(dir, "MDSNAP -info img.mds").out.substr(0, 6), "exFAT,");
-  ASSERT_EQ(Sh(dir, "MDSNAP --restore -c --silent -f:img.mds out.img").status, 0);
-  if (Sh(dir, "command -v fsck.exfat").status == 0) {
-    RunResult fsck = Sh(dir, "fsck.exfat -n out.img");
-    EXPECT_EQ(fsck.status, 0) << fsck.out;
-  }
-
   constexpr int kNotSupported = 0x24;
   RunResult data = Sh(dir, "MDSNAP --dump --nopercents -data -f:data.mds '" + vol + "'");
   EXPECT_EQ(data.status, kNotSupported);

@@ -43,62 +43,49 @@ TEST(ImageFormat, DataOffsetIsBitmapEndRoundedTo4096) {
   EXPECT_EQ(BitmapBytes(UINT64_MAX), (UINT64_MAX >> 3) + 1);
 }
 
-TEST(ImageFormat, HeaderBytesAreExact) {
-  std::string h = Header(0x200000, 1ull << 30, 0x40000, 12, "/dev/sdb1");
-  EXPECT_EQ(std::string(h.c_str()), "V: 200000, 1.00 Gb, C: 40000 x c, w: /dev/sdb1");
-  // The rest of the 64 bytes is zero.
-  for (size_t i = std::strlen(h.c_str()); i < kHeaderSize; ++i) EXPECT_EQ(h[i], 0) << i;
+// The exact header bytes, parsed back; a name too long for the 64 bytes
+// fills them without a terminator.
+TEST(ImageFormat, HeaderBytesAreExactAndParseBack) {
+  struct Case {
+    uint64_t sectors, bytes, n;
+    uint32_t k;
+    std::string name, text;
+    uint32_t gb, hundredths;
+  } cases[] = {
+      {0x200000, 1ull << 30, 0x40000, 12, "/dev/sdb1", "V: 200000, 1.00 Gb, C: 40000 x c, w: /dev/sdb1", 1, 0},
+      {0x7fa000, 0x7fa000ull * 512, 0xff400, 12, "vol.img", "V: 7fa000, 3.99 Gb, C: ff400 x c, w: vol.img", 3, 99},
+      {1, 512, 1, 9, std::string(100, 'x'), "V: 1, 0.00 Gb, C: 1 x 9, w: " + std::string(36, 'x'), 0, 0},
+  };
+  for (const Case& c : cases) {
+    std::string h = Header(c.sectors, c.bytes, c.n, c.k, c.name.c_str());
+    EXPECT_EQ(h, c.text + std::string(kHeaderSize - c.text.size(), '\0')) << c.text;
+    ImageHeader p;
+    ASSERT_TRUE(ParseHeader(h.data(), &p)) << c.text;
+    EXPECT_EQ(p.version, 2);
+    EXPECT_EQ(p.sectors, c.sectors);
+    EXPECT_EQ(p.blockCount, c.n);
+    EXPECT_EQ(p.blockShift, c.k);
+    EXPECT_EQ(p.gb, c.gb);
+    EXPECT_EQ(p.hundredths, c.hundredths);
+  }
 }
 
-TEST(ImageFormat, LongDeviceNameFillsAll64BytesWithoutTerminator) {
-  std::string name(100, 'x');
-  std::string h = Header(1, 512, 1, 9, name.c_str());
-  std::string prefix = "V: 1, 0.00 Gb, C: 1 x 9, w: ";
-  EXPECT_EQ(h.substr(0, prefix.size()), prefix);
-  EXPECT_EQ(h.size(), kHeaderSize);
-  EXPECT_EQ(h.find('\0'), std::string::npos);
-  ImageHeader parsed;
-  ASSERT_TRUE(ParseHeader(h.data(), &parsed));
-  EXPECT_EQ(parsed.version, 2);
-  EXPECT_EQ(parsed.blockCount, 1u);
-}
-
-TEST(ImageFormat, ParsesVersion2) {
-  std::string h = Header(0x7fa000, 0x7fa000ull * 512, 0xff400, 12, "vol.img");
+// Version 1 headers still parse; garbage, partial headers and shifts or
+// counts that overflow do not.
+TEST(ImageFormat, ParsesVersion1AndRejectsGarbageAndHostileShifts) {
+  char v1[kHeaderSize] = "clusters 3ff, cluster 9";
   ImageHeader p;
-  ASSERT_TRUE(ParseHeader(h.data(), &p));
-  EXPECT_EQ(p.version, 2);
-  EXPECT_EQ(p.sectors, 0x7fa000u);
-  EXPECT_EQ(p.blockCount, 0xff400u);
-  EXPECT_EQ(p.blockShift, 12u);
-  EXPECT_EQ(p.gb, 3u);
-  EXPECT_EQ(p.hundredths, 99u);
-  EXPECT_EQ(EstimateSectorSizeForRestore(p), 512u);
-  EXPECT_EQ(EstimateSectorSizeForInfo(p), 512u);
-}
-
-TEST(ImageFormat, ParsesVersion1) {
-  char raw[kHeaderSize] = "clusters 3ff, cluster 9";
-  ImageHeader p;
-  ASSERT_TRUE(ParseHeader(raw, &p));
+  ASSERT_TRUE(ParseHeader(v1, &p));
   EXPECT_EQ(p.version, 1);
   EXPECT_EQ(p.blockCount, 1024u);
   EXPECT_EQ(p.blockShift, 9u);
   EXPECT_EQ(p.byteSize, 524288u);
-}
-
-TEST(ImageFormat, RejectsGarbageAndHostileShifts) {
-  ImageHeader p;
-  char zero[kHeaderSize] = {};
-  EXPECT_FALSE(ParseHeader(zero, &p));
-  char text[kHeaderSize] = "(\xb5/\xfd compressed bytes";
-  EXPECT_FALSE(ParseHeader(text, &p));
-  char partial[kHeaderSize] = "V: 100, 1.00 Gb, C: 10";
-  EXPECT_FALSE(ParseHeader(partial, &p));
-  char bigShift[kHeaderSize] = "V: 100, 1.00 Gb, C: 10 x 40, w: x";
-  EXPECT_FALSE(ParseHeader(bigShift, &p));
-  char v1Overflow[kHeaderSize] = "clusters ffffffffffffffff, cluster 9";
-  EXPECT_FALSE(ParseHeader(v1Overflow, &p));
+  for (const char* bad : {"", "(\xb5/\xfd compressed bytes", "V: 100, 1.00 Gb, C: 10",
+                          "V: 100, 1.00 Gb, C: 10 x 40, w: x", "clusters ffffffffffffffff, cluster 9"}) {
+    char raw[kHeaderSize] = {};
+    std::strncpy(raw, bad, sizeof raw - 1);
+    EXPECT_FALSE(ParseHeader(raw, &p)) << bad;
+  }
 }
 
 TEST(ImageFormat, SectorEstimatesUseTheirOwnThresholds) {
@@ -120,6 +107,11 @@ TEST(ImageFormat, SectorEstimatesUseTheirOwnThresholds) {
   p.sectors = (1ull << 30) / 8000;
   EXPECT_EQ(EstimateSectorSizeForRestore(p), 8192u);
   EXPECT_EQ(EstimateSectorSizeForInfo(p), 4096u);
+  p.sectors = 0x7fa000;  // 3.99 GiB of 512-byte sectors
+  p.gb = 3;
+  p.hundredths = 99;
+  EXPECT_EQ(EstimateSectorSizeForRestore(p), 512u);
+  EXPECT_EQ(EstimateSectorSizeForInfo(p), 512u);
   p.sectors = 0;  // hostile: no division by zero
   EXPECT_EQ(EstimateSectorSizeForRestore(p), 8192u);
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <set>
 #include <vector>
 
 #include "core/api/scanner.h"
@@ -23,6 +24,12 @@ struct ScanResult {
     uint64_t c = 0;
     for (uint64_t i = 0; i < n; ++i) c += Test(i);
     return c;
+  }
+  std::set<uint64_t> Marked() const {
+    std::set<uint64_t> s;
+    for (uint64_t i = 0; i < n; ++i)
+      if (Test(i)) s.insert(i);
+    return s;
   }
 };
 

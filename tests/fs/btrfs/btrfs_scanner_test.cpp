@@ -18,10 +18,13 @@
 #include "tests/support/file_device.h"
 #include "tests/support/recording_message.h"
 #include "tests/support/scan_result.h"
+#include "tests/support/volume_bytes.h"
 
 namespace {
 
+using testsupport::Le;
 using testsupport::MemDevice;
+using testsupport::PutLe;
 using testsupport::RecordingMessage;
 using testsupport::ScanResult;
 
@@ -29,28 +32,7 @@ constexpr size_t kSuper = 0x10000, kNode = 4096, kSector = 4096;
 constexpr size_t kHeader = 101, kKeyPtr = 33, kItem = 25;
 constexpr uint64_t kFsTree = 5, kRootTree = 1;
 
-uint64_t Le(const std::vector<uint8_t>& b, size_t at, int n) {
-  uint64_t v = 0;
-  for (int i = n; i-- > 0;) v = (v << 8) | b[at + i];
-  return v;
-}
-void PutLe(std::vector<uint8_t>& b, size_t at, uint64_t v, int n) {
-  for (int i = 0; i < n; ++i) b[at + i] = uint8_t(v >> (8 * i));
-}
-
-const std::vector<uint8_t>& Small() {
-  static std::vector<uint8_t> bytes;
-  if (bytes.empty()) {
-    testsupport::TempDir dir;
-    std::string path = dir / "small.img";
-    std::string src = std::string(MDSNAP_SOURCE_DIR) + "/tests/data/btrfs_small.img.zst";
-    if (std::system(("zstd -q -d -f -o '" + path + "' '" + src + "'").c_str()) == 0) {
-      std::string s = testsupport::ReadFile(path);
-      bytes.assign(s.begin(), s.end());
-    }
-  }
-  return bytes;
-}
+const std::vector<uint8_t>& Small() { return testsupport::DataVolume("btrfs_small"); }
 
 // A node copy as its header describes it.
 struct Found {
@@ -324,23 +306,20 @@ TEST(BtrfsScanner, CyclesReadFailuresAndAVanishedDevice) {
   const std::vector<size_t> inner = CopiesOf(kFsTree, 1, clean);
   ASSERT_EQ(inner.size(), 2u) << "the pre-built fs tree has two levels";
   {
-    FailingDevice* dev = nullptr;
+    FailingDevice dev(Small(), 4096);
     RecordingMessage msg;
-    static std::unique_ptr<FailingDevice> keep;
-    keep = std::make_unique<FailingDevice>(Small(), 4096);
-    dev = keep.get();
-    dev->failAt = {inner[0], inner[1]};
-    ScanResult r = testsupport::RunScanner(QORV::ScanBtrfs, dev, &msg, 0, true);
+    dev.failAt = {inner[0], inner[1]};
+    ScanResult r = testsupport::RunScanner(QORV::ScanBtrfs, &dev, &msg, 0, true);
     EXPECT_EQ(r.status, 0u);
     EXPECT_EQ(r.problems, 1u);
     EXPECT_TRUE(r.Test(inner[0] / kSector) && r.Test(inner[1] / kSector));
     EXPECT_LT(r.CountSet(), clean.CountSet()) << "the fs tree's leaves are missing";
     EXPECT_TRUE(msg.Has(2, "Scanning log root tree ..."));
     // The same node on a device that vanished ends the scan.
-    keep = std::make_unique<FailingDevice>(Small(), 4096);
-    keep->failAt = {inner[0]};
-    keep->gone = true;
-    ScanResult g = testsupport::RunScanner(QORV::ScanBtrfs, keep.get(), nullptr, 0, false);
+    FailingDevice gone(Small(), 4096);
+    gone.failAt = {inner[0]};
+    gone.gone = true;
+    ScanResult g = testsupport::RunScanner(QORV::ScanBtrfs, &gone, nullptr, 0);
     EXPECT_EQ(g.status, api::ERR_DEVICE_GONE);
     EXPECT_TRUE(g.bitmapNull);
   }

@@ -22,6 +22,7 @@
 #include "tests/support/interrupt.h"
 #include "tests/support/recording_message.h"
 #include "tests/support/scan_result.h"
+#include "tests/support/volume_bytes.h"
 
 namespace {
 
@@ -49,13 +50,6 @@ void Reseal(Bytes& img, uint32_t firstSector, size_t ss = 512) {
   for (size_t i = 0; i < ss * 11; ++i)
     if (i != 106 && i != 107 && i != 112) sum = (sum >> 1 | sum << 31) + region[i];
   for (size_t at = 0; at < ss; at += 4) Put(img, (firstSector + 11) * ss + at, sum, 4);
-}
-
-std::set<uint64_t> Marked(const ScanResult& r) {
-  std::set<uint64_t> got;
-  for (uint64_t b = 0; b < r.n; ++b)
-    if (r.Test(b)) got.insert(b);
-  return got;
 }
 
 // A small exFAT volume in memory: boot regions, FAT, allocation bitmap,
@@ -233,7 +227,7 @@ TEST(ExFatScanner, KeepsExactlyTheTreeOnEveryGeometry) {
     EXPECT_EQ(r.k, g.k);
     EXPECT_EQ(r.n, (v.HeapBytes() + (uint64_t(v.clusterCount) << (g.sectorShift + g.spcShift))) >> g.k);
     EXPECT_EQ(r.problems, 0u);
-    EXPECT_EQ(Marked(r), v.Expected(g.k, v.dirs));
+    EXPECT_EQ(r.Marked(), v.Expected(g.k, v.dirs));
     for (uint32_t c : v.files) EXPECT_FALSE(r.Test(v.ClusterOffset(c) >> g.k)) << "file cluster " << c;
     EXPECT_EQ(msg.lines, std::vector<std::string>{"0:Scanning exFAT..."});
   }
@@ -251,7 +245,7 @@ TEST(ExFatScanner, TexFatKeepsBothBitmapsAndFollowsTheActiveFat) {
   ScanResult r = Scan(&dev);
   ASSERT_EQ(r.status, api::QORV_OK);
   EXPECT_EQ(r.problems, 0u);
-  EXPECT_EQ(Marked(r), v.Expected(12, v.dirs));
+  EXPECT_EQ(r.Marked(), v.Expected(12, v.dirs));
 }
 
 // Hostile trees: each case is counted and walked past, or stops the scan.
@@ -348,7 +342,7 @@ TEST(ExFatScanner, HostileDirectories) {
     EXPECT_EQ(r.problems, c.problems);
     std::set<uint32_t> dirs = v.dirs;
     dirs.insert(c.alsoKept.begin(), c.alsoKept.end());
-    EXPECT_EQ(Marked(r), v.Expected(12, dirs));
+    EXPECT_EQ(r.Marked(), v.Expected(12, dirs));
   }
 }
 
@@ -365,7 +359,7 @@ TEST(ExFatScanner, DeepNestingAndAnOverlongRootNeedNoDeepRecursion) {
   ScanResult r = Scan(&dev);
   ASSERT_EQ(r.status, api::QORV_OK);
   EXPECT_EQ(r.problems, 0u);
-  EXPECT_EQ(Marked(r), v.Expected(12, dirs));
+  EXPECT_EQ(r.Marked(), v.Expected(12, dirs));
 
   // A root one cluster longer than any directory may be stops the scan
   // before its entries are read (512-byte clusters: 2^19 of them).
@@ -407,16 +401,17 @@ TEST(ExFatScanner, DeletedDirectoriesKeepTheirRunWhileTheBitmapCallsItFree) {
   EXPECT_EQ(r.problems, 0u);
   std::set<uint32_t> dirs = v.dirs;
   dirs.insert({120, 121, 130, 150});
-  EXPECT_EQ(Marked(r), v.Expected(12, dirs));
+  EXPECT_EQ(r.Marked(), v.Expected(12, dirs));
 }
 
 // ---------------------------------------------------------------- real volumes
 
-// Unpacks a pre-built populated volume from tests/data; empty when it cannot.
+// Writes a pre-built populated volume of tests/data into dir; empty when it cannot.
 std::string Prebuilt(const testsupport::TempDir& dir, const std::string& name) {
-  if (!testsupport::HaveTool("zstd")) return "";
-  std::string cmd = "zstd -dqf '" MDSNAP_SOURCE_DIR "/tests/data/" + name + ".img.zst' -o " + name;
-  return testsupport::Sh(dir, cmd).status == 0 ? dir / name : "";
+  const Bytes& b = testsupport::DataVolume(name);
+  if (b.empty()) return "";
+  testsupport::WriteFile(dir / name, std::string(b.begin(), b.end()));
+  return dir / name;
 }
 
 // Fresh mkfs.exfat layouts (aligned and not) and the pre-built populated
@@ -493,13 +488,10 @@ TEST(ExFatRealVolumes, KeepAllocatedDirectoryClustersOnly) {
 // is mounted from the backup, a bad backup is refused, implausible fields are
 // not exFAT, and a heap too large for a 4 GiB bitmap is refused by name.
 TEST(ExFatRealVolumes, BootRegionRules) {
-  testsupport::TempDir dir;
-  std::string img = Prebuilt(dir, "exfat_small_4k");
-  if (img.empty()) GTEST_SKIP() << "pre-built volume missing or zstd not installed";
-  std::string raw = testsupport::ReadFile(img);
-  const Bytes clean(raw.begin(), raw.end());
+  const Bytes& clean = testsupport::DataVolume("exfat_small_4k");
+  if (clean.empty()) GTEST_SKIP() << "pre-built volume missing or zstd not installed";
   MemDevice cleanDev(clean);
-  const std::set<uint64_t> cleanMarks = Marked(Scan(&cleanDev));
+  const std::set<uint64_t> cleanMarks = Scan(&cleanDev).Marked();
   const uint32_t fatOffset = Get32(clean, 80), heap = Get32(clean, 88), clusters = Get32(clean, 92);
 
   using Damage = std::function<void(Bytes&)>;
@@ -578,7 +570,7 @@ TEST(ExFatRealVolumes, BootRegionRules) {
     ScanResult r = Scan(&dev, &msg);
     EXPECT_EQ(r.status, c.status);
     if (c.status == api::QORV_OK) {
-      EXPECT_EQ(Marked(r), cleanMarks);
+      EXPECT_EQ(r.Marked(), cleanMarks);
     } else {
       EXPECT_TRUE(r.bitmapNull);
       EXPECT_EQ(msg.lines, c.message.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.message});
