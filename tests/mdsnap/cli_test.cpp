@@ -460,10 +460,12 @@ TEST(Cli, DamagedImagesFromFilesAndPipesEndTheSameWay) {
   MakeVolume(dir, "vol.img", 3 * kMiB + 512);
   ASSERT_EQ(Sh(dir, "MDSNAP --dump -dd --nopercents -f:img.mds vol.img").status, 0);
   const std::string img = ReadFile(dir / "img.mds");
-  const size_t data = 4096, end = data + 3 * kMiB;
-  ASSERT_EQ(img.size(), end + 1024);  // header, bitmap, padding, 3 blocks, tail
-  const size_t cuts[] = {0, 1, 63, 64, 65, 2048, data - 1, data, data + 1, data + kMiB, end - 1, end, end + 511,
-                         end + 512, end + 1023};
+  // Header, a bitmap of 3072 bits (1 KiB blocks), padding, 3 MiB of blocks, tail.
+  const size_t bitmapEnd = 64 + 3072 / 8, data = 4096, end = data + 3 * kMiB;
+  ASSERT_EQ(img.size(), end + 1024);
+  ASSERT_EQ(HeaderOf(dir / "img.mds").blockShift, 10u);
+  const size_t cuts[] = {0, 1, 63, 64, 65, bitmapEnd - 1, bitmapEnd, 2048, data - 1, data, data + 1, data + kMiB,
+                         end - 1, end, end + 511, end + 512, end + 1023};
   for (size_t cut : cuts) {
     WriteFile(dir / "cut.mds", img.substr(0, cut));
     RunResult file = Sh(dir, "rm -f out.img; MDSNAP --restore -c --nopercents -f:cut.mds out.img");
@@ -471,9 +473,11 @@ TEST(Cli, DamagedImagesFromFilesAndPipesEndTheSameWay) {
     EXPECT_EQ(file.status, pipe.status) << cut;
     EXPECT_EQ(file.err, pipe.err) << cut;
     EXPECT_EQ(file.status, cut >= end ? 0 : kShortIo) << cut << file.err;  // the tail is optional
-    const char* message = cut < 64 ? "failed to read dump file header" : cut < 65 ? "failed to read dump file bitmap"
-                          : cut < data ? "failed to read aligned tail from dump file" : "failed to read dump file data";
-    if (cut < end && cut != 65) {  // a cut inside the one-byte bitmap's page: either message
+    const char* message = cut < 64          ? "failed to read dump file header"
+                          : cut < bitmapEnd ? "failed to read dump file bitmap"
+                          : cut < data      ? "failed to read aligned tail from dump file"
+                                            : "failed to read dump file data";
+    if (cut < end) {
       EXPECT_NE((file.out + file.err).find(message), std::string::npos) << cut << file.out << file.err;
     }
     RunResult info = Sh(dir, "cat cut.mds | MDSNAP -info");
