@@ -18,4 +18,6 @@ max_len() { # max_len TARGET: the largest input in bytes
 len_mib() { echo $((($(max_len "$1") + (1 << 20) - 1) >> 20)); }
 malloc_limit_mb() { echo $((512 + 16 + 2 * $(len_mib "$1"))); }
 rss_limit_mb() { echo 2048; }
-timeout_s() { echo $((2 + 2 * $(len_mib "$1"))); }
+# FUZZ_TIMEOUT_SCALE stretches it on a machine busy with other work (the
+# fuzzer measures wall time).
+timeout_s() { echo $(((2 + 2 * $(len_mib "$1")) * ${FUZZ_TIMEOUT_SCALE:-1})); }
