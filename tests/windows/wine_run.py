@@ -300,6 +300,14 @@ def cli_cases(p, started):
     ]
     for name, args in cases:
         p.same(name, args)
+    # --trace: an empty log beside the executable, named after it.
+    for side, runner, exe in (("linux", p.linux, t.linux), ("windows", p.windows, t.exe("x64"))):
+        log_path = os.path.splitext(exe)[0] + ".log"
+        remove(log_path)
+        rc, _, _ = runner(["--trace", "--dump", "-f:x.mds", "small.img"])
+        p.check("--trace log beside the executable (%s)" % side,
+                os.path.exists(log_path) and os.path.getsize(log_path) == 0, log_path)
+        remove(log_path)
     p.same("--version", ["--version"])
     p.same("--qorvversion", ["--qorvversion"])
     # Images from standard input: a folder named by -f: falls back to it silently.
