@@ -34,6 +34,8 @@ SYSTEM_DLLS = {"kernel32.dll", "msvcrt.dll", "advapi32.dll", "user32.dll", "ntdl
 # Restores of volumes larger than this are not compared (reading the holes
 # of a multi-gigabyte sparse file costs more than it proves).
 RESTORE_LIMIT = 512 << 20
+# Dumps with -data of volumes up to this size.
+DATA_LIMIT = 64 << 20
 
 
 class Skip(Exception):
@@ -414,6 +416,9 @@ def image_cases(p, started):
         p.same(name + " -info", ["-info", "img.mds"])
         if os.path.getsize(path) <= RESTORE_LIMIT:
             p.same(name + " restore", ["--restore", "-c", "-f:img.mds", "restored.img"], outputs=["restored.img"])
+        if os.path.getsize(path) <= DATA_LIMIT:
+            # With file contents (or the scanner's refusal of them).
+            p.same(name + " -data dump", ["--dump", "-data", "-f:data.mds", name], outputs=["data.mds"])
     log("%d of %d volumes recognised by today's scanners" % (recognised, len(volumes)))
 
     # Raw and head-only round trips, through files and through the standard
