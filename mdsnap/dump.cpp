@@ -1,8 +1,5 @@
 // The dump: recognise the file system (or apply the head-only or raw rule),
 // then write header, bitmap, padding, every marked block and the tail.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -14,6 +11,7 @@
 #include "mdsnap/image_format.h"
 #include "mdsnap/run.h"
 #include "mdsnap/scan_table.h"
+#include "platform/platform.h"
 
 namespace mdsnap {
 
@@ -44,8 +42,7 @@ constexpr ScannerSlot kScanners[] = {
 bool PreadAll(int fd, uint64_t offset, uint8_t* buf, uint32_t count) {
   uint32_t done = 0;
   while (done < count) {
-    ssize_t n = ::pread(fd, buf + done, count - done, off_t(offset + done));
-    if (n < 0 && errno == EINTR) continue;
+    int64_t n = FileReadAt(fd, buf + done, count - done, offset + done);
     if (n <= 0) return false;
     done += uint32_t(n);
   }
@@ -175,8 +172,8 @@ namespace {
 class VolumeHoles {
  public:
   VolumeHoles(int fd, uint64_t size) : fd_(fd), size_(size) {
-    struct stat st {};
-    usable_ = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    uint64_t fileSize;
+    usable_ = RegularFileSize(fd, &fileSize);
   }
   // How many bytes from offset on (at most len) are all hole (*hole) or all data.
   uint64_t Extent(uint64_t offset, uint64_t len, bool* hole) {
@@ -190,17 +187,11 @@ class VolumeHoles {
  private:
   void Look(uint64_t offset) {
     from_ = offset;
-    off_t data = ::lseek(fd_, off_t(offset), SEEK_DATA);
-    if (data < 0 && errno == ENXIO) data = off_t(size_);  // nothing but a hole up to the end
-    if (data >= 0 && uint64_t(data) > offset) {
-      hole_ = true;
-      to_ = uint64_t(data) < size_ ? uint64_t(data) : size_;
-      return;
+    if (!FileExtent(fd_, offset, size_, &hole_, &to_)) {
+      hole_ = false;
+      to_ = UINT64_MAX;
+      usable_ = false;
     }
-    off_t end = data < 0 ? -1 : ::lseek(fd_, off_t(offset), SEEK_HOLE);
-    hole_ = false;
-    to_ = end > off_t(offset) ? uint64_t(end) : UINT64_MAX;
-    if (end <= off_t(offset)) usable_ = false;
   }
 
   int fd_;
@@ -360,8 +351,8 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
   if (verbose) msg->Trace(1, "Try to dump tail of volume. last read 0x%" PRIx64 "\n", lastRead);
   if (fsBytes < ctx.volumeSize && lastRead + kTailMin <= ctx.volumeSize) {
     uint64_t at = ctx.volumeSize > kTailSize ? ctx.volumeSize - kTailSize : 0;
-    ssize_t got = ::pread(ctx.deviceFd, ctx.work, kTailSize, off_t(at));
-    if (got < ssize_t(kTailMin)) {
+    int64_t got = FileReadAt(ctx.deviceFd, ctx.work, kTailSize, at);
+    if (got < int64_t(kTailMin)) {
       if (verbose) msg->Trace(1, "%d: Failed to read last 1024 bytes st 0x%" PRIx64 "\n", int(got), at);
     } else if (!out.Write(ctx.work, uint64_t(got), nullptr)) {
       msg->Trace(1, "failed to backup tail of volume. Not critical. \"%s\"\n", std::strerror(errno));

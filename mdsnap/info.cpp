@@ -1,8 +1,5 @@
 // The info run: one line naming the file system and the volume's size,
 // read from the header and the first stored bytes of an image.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -10,6 +7,7 @@
 
 #include "mdsnap/image_format.h"
 #include "mdsnap/run.h"
+#include "platform/platform.h"
 
 namespace mdsnap {
 
@@ -23,7 +21,7 @@ constexpr uint32_t kProbe = 1024 + 64;
 // Moves a stream from `at` forward to `to`: by seeking when it can, else by
 // reading and discarding (an image piped in cannot be positioned).
 bool SkipTo(int fd, uint64_t at, uint64_t to) {
-  if (::lseek(fd, off_t(to), SEEK_SET) == off_t(to)) return true;
+  if (api::SeekFile(fd, to)) return true;
   if (errno != ESPIPE) return false;
   char sink[4096];
   while (at < to) {
@@ -71,17 +69,18 @@ int Info(const Options& opt, const char* path) {
   int fd;
   const char* name = path;
   if (path) {
-    fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    fd = api::OpenFileForReading(path);
     if (fd < 0) {
       std::fprintf(stderr, "failed to open dump file %s: \"%s\"\n", path, std::strerror(errno));
       return -4;
     }
   } else {
     fd = OpenImageForReading(opt);
-    name = fd == STDIN_FILENO ? "stdin" : opt.imagePath;
+    name = fd == api::kStdIn ? "stdin" : opt.imagePath;
+    if (fd == api::kStdIn) api::SetBinaryMode(fd);
   }
   auto finish = [fd](int status) {
-    if (fd != STDIN_FILENO) ::close(fd);
+    if (fd != api::kStdIn) api::CloseFile(fd);
     return status;
   };
 

@@ -1,8 +1,5 @@
 // The restore: every stored block back at its offset, then the tail at the
 // target's end.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -31,14 +28,14 @@ static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t holesFrom, uin
   uint32_t done = 0, pending = 0;  // pending: bytes from done not yet written
   auto put = [&]() {
     while (pending) {
-      ssize_t n = ::pwrite(fd, buf + done, pending, off_t(offset + done));
-      if (n < 0 && errno == EINTR) continue;
+      int64_t n = FileWriteAt(fd, buf + done, pending, offset + done);
       if (n <= 0 && done == 0) {
         msg->Trace(1, "failed to write device: %s", std::strerror(n < 0 ? errno : ENOSPC));
         return ERR_WRITE_FAILED;
       }
       if (uint32_t(n) != pending) {
-        std::fprintf(stderr, "failed to write to device %zd instead of %u)\n", ssize_t(done) + (n > 0 ? n : 0), len);
+        std::fprintf(stderr, "failed to write to device %" PRId64 " instead of %u)\n", int64_t(done) + (n > 0 ? n : 0),
+                     len);
         return ERR_WRITE_FAILED;
       }
       done += pending;
@@ -65,9 +62,9 @@ static status_t WriteTarget(int fd, uint64_t targetSize, uint64_t holesFrom, uin
 // Where a restore may leave holes: past the old end of a regular file (all
 // of a file that -c created). Never on a device.
 static uint64_t HolesFrom(int fd) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return UINT64_MAX;
-  return (uint64_t(st.st_size) + kHoleBlock - 1) & ~uint64_t(kHoleBlock - 1);
+  uint64_t size;
+  if (!RegularFileSize(fd, &size)) return UINT64_MAX;
+  return (size + kHoleBlock - 1) & ~uint64_t(kHoleBlock - 1);
 }
 
 // One past the highest block whose bit is set (bits past n do not count).
@@ -89,10 +86,10 @@ static status_t TargetTooSmall(uint64_t needed, uint64_t targetSize, const char*
 // An image file shorter than the bitmap its header claims is refused before
 // the bitmap is allocated; a pipe cannot say and is read as far as it goes.
 static bool ImageCanHold(int fd, uint64_t bytes) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return true;
-  off_t at = ::lseek(fd, 0, SEEK_CUR);
-  return at < 0 || uint64_t(st.st_size) >= uint64_t(at) + bytes;
+  uint64_t size;
+  if (!RegularFileSize(fd, &size)) return true;
+  int64_t at = FilePosition(fd);
+  return at < 0 || size >= uint64_t(at) + bytes;
 }
 
 status_t Restore(RunContext& ctx) {
@@ -106,8 +103,8 @@ status_t Restore(RunContext& ctx) {
   uint64_t holesFrom = HolesFrom(ctx.deviceFd);
 
   char raw[kHeaderSize];
-  ssize_t got = ::read(ctx.imageFd, raw, kHeaderSize);
-  if (got != ssize_t(kHeaderSize)) {
+  int64_t got = FileRead(ctx.imageFd, raw, kHeaderSize);
+  if (got != int64_t(kHeaderSize)) {
     msg->Trace(1, "failed to read dump file header: %s", std::strerror(got < 0 ? errno : EIO));
     return ERR_SHORT_IO;
   }
@@ -140,7 +137,7 @@ status_t Restore(RunContext& ctx) {
     imageBytes = h.sectors > (UINT64_MAX >> log2) ? UINT64_MAX : h.sectors << log2;
     if (opt.modeFlags & MODE_CREATE) {
       msg->Trace(1, "Resizing file \"%s\"\n", name);
-      if (imageBytes <= uint64_t(INT64_MAX) && ::ftruncate(ctx.deviceFd, off_t(imageBytes)) == 0) {
+      if (ResizeFile(ctx.deviceFd, imageBytes)) {
         targetSize = imageBytes;
         growable = true;
       } else {
@@ -275,7 +272,7 @@ status_t Restore(RunContext& ctx) {
         targetSize = needed;
       }
       uint64_t at = targetSize - tail;
-      if (::pwrite(ctx.deviceFd, ctx.work, size_t(tail), off_t(at)) == ssize_t(tail)) {
+      if (FileWriteAt(ctx.deviceFd, ctx.work, size_t(tail), at) == int64_t(tail)) {
         restored += tail;
         suffix = " (including tail)";
         if (verbose) msg->Trace(1, "Restored 0x%x tail bytes of volume at 0x%" PRIx64 "\n", unsigned(tail), at);
@@ -284,7 +281,7 @@ status_t Restore(RunContext& ctx) {
       }
     }
   }
-  if (growable && ::ftruncate(ctx.deviceFd, off_t(targetSize)) != 0) {
+  if (growable && !ResizeFile(ctx.deviceFd, targetSize)) {
     std::fprintf(stderr, "failed to resize file\n");
     return ERR_WRITE_FAILED;
   }

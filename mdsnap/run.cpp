@@ -1,9 +1,5 @@
 // The spine of a run: parse, choose the direction, open the image stream,
 // the message sink and the volume, then dump, restore or describe.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,30 +14,30 @@ using namespace api;
 // The image of a restore or info run named by "-f:"; standard input when
 // there is none or it cannot be used.
 int OpenImageForReading(const Options& opt) {
-  if (!opt.imagePath) return STDIN_FILENO;
-  struct stat st {};
-  if (::stat(opt.imagePath, &st) != 0) {
+  if (!opt.imagePath) return kStdIn;
+  int regular = PathIsRegularFile(opt.imagePath);
+  if (regular < 0) {
     std::fprintf(stderr, "failed to %s file \"%s\" to restore from: %s\n", "stat", opt.imagePath,
                  std::strerror(errno));
-    return STDIN_FILENO;
+    return kStdIn;
   }
-  if (!S_ISREG(st.st_mode)) return STDIN_FILENO;
-  int fd = ::open(opt.imagePath, O_RDONLY | O_CLOEXEC);
+  if (!regular) return kStdIn;
+  int fd = OpenFileForReading(opt.imagePath);
   if (fd < 0) {
     std::fprintf(stderr, "failed to %s file \"%s\" to restore from: %s\n", "open", opt.imagePath,
                  std::strerror(errno));
-    return STDIN_FILENO;
+    return kStdIn;
   }
   return fd;
 }
 
 static int OpenImageForWriting(const Options& opt) {
-  if (!opt.imagePath) return STDOUT_FILENO;
+  if (!opt.imagePath) return kStdOut;
   // Not truncated: an existing longer file keeps its bytes beyond the image.
-  int fd = ::open(opt.imagePath, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  int fd = OpenFileForWriting(opt.imagePath);
   if (fd < 0) {
     std::fprintf(stderr, "failed to create file \"%s\" to dump to: %s\n", opt.imagePath, std::strerror(errno));
-    return STDOUT_FILENO;
+    return kStdOut;
   }
   return fd;
 }
@@ -83,7 +79,7 @@ int RunMain(int argc, char** argv) {
   if (opt.trace) OpenTraceLog("mdsnap");
 
   int direction = opt.direction;
-  if (direction == DIRECTION_AUTO) direction = ::isatty(STDIN_FILENO) ? DIRECTION_DUMP : DIRECTION_RESTORE;
+  if (direction == DIRECTION_AUTO) direction = StdinIsConsole() ? DIRECTION_DUMP : DIRECTION_RESTORE;
   const bool dump = direction == DIRECTION_DUMP;
   if ((opt.modeFlags & MODE_RAW) && !dump) {
     std::fprintf(stderr, "-dd assumes dump\n");
@@ -101,22 +97,24 @@ int RunMain(int argc, char** argv) {
 
   int imageFd = dump ? OpenImageForWriting(opt) : OpenImageForReading(opt);
   // Nothing but image bytes may reach standard output.
-  const bool imageOnStdout = dump && imageFd == STDOUT_FILENO;
+  const bool imageOnStdout = dump && imageFd == kStdOut;
   if (imageOnStdout) opt.modeFlags &= ~MODE_VERBOSE;
   FILE* stream = (opt.modeFlags & MODE_SILENT) ? nullptr : imageOnStdout ? stderr : stdout;
   IMessage* msg = GetConsoleMessage(stream, nullptr, opt.modeFlags & MODE_NO_PERCENTS);
   auto closeImage = [imageFd]() {
-    if (imageFd != STDIN_FILENO && imageFd != STDOUT_FILENO) ::close(imageFd);
+    if (imageFd != kStdIn && imageFd != kStdOut) CloseFile(imageFd);
   };
+  if (imageFd == kStdIn || imageFd == kStdOut) SetBinaryMode(imageFd);
 
   if (!dump && (opt.modeFlags & MODE_CREATE)) {
-    int fd = ::open(device, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    int fd = OpenFileForWriting(device);
     if (fd < 0) {
       std::fprintf(stderr, "failed to create file \"%s\" to restore to: %s\n", device, std::strerror(errno));
       closeImage();
       return -22;
     }
-    ::close(fd);  // regular files are sparse until written
+    if (!MarkSparse(fd)) std::fprintf(stderr, "Failed to set new file \"%s\" sparsed\n", device);
+    CloseFile(fd);
   }
 
   const uint32_t verbose = (opt.modeFlags >> 4) & 1;

@@ -1,11 +1,7 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
 
 #include "mdsnap/run.h"
+#include "platform/platform.h"
 
 namespace mdsnap {
 
@@ -19,8 +15,7 @@ static bool Transfer(int fd, uint8_t* p, uint64_t len, bool writing, api::IMessa
   int calls = 0;
   while (done < len) {
     uint64_t piece = len - done < kMaxCall ? len - done : kMaxCall;
-    ssize_t n = writing ? ::write(fd, p + done, size_t(piece)) : ::read(fd, p + done, size_t(piece));
-    if (n < 0 && errno == EINTR) continue;
+    int64_t n = writing ? api::FileWrite(fd, p + done, size_t(piece)) : api::FileRead(fd, p + done, size_t(piece));
     if (n <= 0) return false;
     ++calls;
     if (verbose && (calls > 1 || uint64_t(n) < len)) verbose->Trace(1, what, size_t(done), size_t(n));
@@ -54,8 +49,7 @@ static bool PwriteAll(int fd, const uint8_t* p, uint64_t len, uint64_t at, uint6
   int calls = 0;
   while (done < len) {
     uint64_t piece = len - done < kMaxCall ? len - done : kMaxCall;
-    ssize_t n = ::pwrite(fd, p + done, size_t(piece), off_t(at + done));
-    if (n < 0 && errno == EINTR) continue;
+    int64_t n = api::FileWriteAt(fd, p + done, size_t(piece), at + done);
     if (n <= 0) return false;
     ++calls;
     if (verbose && (calls > 1 || uint64_t(n) < len))
@@ -66,15 +60,14 @@ static bool PwriteAll(int fd, const uint8_t* p, uint64_t len, uint64_t at, uint6
 }
 
 ImageWriter::ImageWriter(int fd) : fd_(fd) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
-  int flags = ::fcntl(fd, F_GETFL);
-  off_t at = ::lseek(fd, 0, SEEK_CUR);
+  uint64_t size;
+  if (!api::RegularFileSize(fd, &size)) return;
+  int64_t at = api::FilePosition(fd);
   // Appending writes land at the end whatever the position says.
-  if (flags < 0 || (flags & O_APPEND) || at < 0) return;
+  if (api::FileAppends(fd) || at < 0) return;
   positioned_ = true;
   pos_ = uint64_t(at);
-  holesFrom_ = (uint64_t(st.st_size) + kHoleBlock - 1) & ~uint64_t(kHoleBlock - 1);
+  holesFrom_ = (size + kHoleBlock - 1) & ~uint64_t(kHoleBlock - 1);
 }
 
 bool ImageWriter::Write(const void* buf, uint64_t len, api::IMessage* verbose) {
@@ -115,18 +108,18 @@ bool ImageWriter::Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage*
 
 bool ImageWriter::Finish() {
   if (!positioned_) return true;
-  struct stat st {};
-  if (::fstat(fd_, &st) != 0) return false;
-  if (uint64_t(st.st_size) < pos_ && ::ftruncate(fd_, off_t(pos_)) != 0) return false;
-  return ::lseek(fd_, off_t(pos_), SEEK_SET) >= 0;
+  uint64_t size;
+  if (!api::RegularFileSize(fd_, &size)) return false;
+  if (size < pos_ && !api::ResizeFile(fd_, pos_)) return false;
+  return api::SeekFile(fd_, pos_);
 }
 
 uint64_t ReadUpTo(int fd, void* buf, uint64_t len) {
   uint8_t* p = static_cast<uint8_t*>(buf);
   uint64_t done = 0;
   while (done < len) {
-    ssize_t n = ::read(fd, p + done, size_t(len - done));
-    if (n < 0 && errno == EINTR) continue;
+    uint64_t piece = len - done < kMaxCall ? len - done : kMaxCall;
+    int64_t n = api::FileRead(fd, p + done, size_t(piece));
     if (n <= 0) break;
     done += uint64_t(n);
   }

@@ -34,6 +34,19 @@ std::string Format(const char* format, va_list args) {
   return std::string(buf, n);
 }
 
+// Whether a * b <= c * d, for 64-bit a, c and 32-bit b, d.
+bool WideLessOrEqual(uint64_t a, uint32_t b, uint64_t c, uint32_t d) {
+  auto product = [](uint64_t x, uint32_t y, uint64_t* hi) {
+    uint64_t lo = (x & 0xFFFFFFFFu) * y;
+    uint64_t mid = (x >> 32) * y + (lo >> 32);
+    *hi = mid >> 32;
+    return (mid << 32) | (lo & 0xFFFFFFFFu);
+  };
+  uint64_t hi1, hi2;
+  uint64_t lo1 = product(a, b, &hi1), lo2 = product(c, d, &hi2);
+  return hi1 < hi2 || (hi1 == hi2 && lo1 <= lo2);
+}
+
 }  // namespace
 
 void CQORV_Message::Configure(FILE* stream, Callback callback, bool noPercents) {
@@ -90,9 +103,18 @@ int CQORV_Message::SetTotal(uint32_t, const uint64_t* total, const char* format,
 uint32_t CQORV_Message::GetPercent() {
   if (total_ == 0) return 0;
   if (position_ >= total_) return 100;
-  // position * 100 without overflow for any 64-bit total.
-  unsigned __int128 p = (unsigned __int128)position_ * 100 / total_;
-  return uint32_t(p > 100 ? 100 : p);
+  if (position_ <= UINT64_MAX / 100) return uint32_t(position_ * 100 / total_);
+  // position * 100 would overflow: the largest p with p * total <= position
+  // * 100, compared as 128-bit products (32-bit targets have no wider type).
+  uint32_t low = 0, high = 99;
+  while (low < high) {
+    uint32_t mid = (low + high + 1) / 2;
+    if (WideLessOrEqual(total_, mid, position_, 100))
+      low = mid;
+    else
+      high = mid - 1;
+  }
+  return low;
 }
 
 int CQORV_Message::SetPosition(const uint64_t* position) {

@@ -42,3 +42,50 @@ namespace api {
 // Whether a stream is a terminal (status lines are then rewritten in place).
 bool IsTerminalStream(FILE* stream);
 }  // namespace api
+
+// Image files, restore targets and the standard streams, by the runtime's
+// descriptor numbers. The tool reaches files only through these, so it never
+// knows which system it runs on.
+namespace api {
+
+constexpr int kStdIn = 0;
+constexpr int kStdOut = 1;
+
+// Whether standard input is a console (a terminal): the automatic direction.
+bool StdinIsConsole();
+// A standard stream that carries an image moves bytes untranslated.
+void SetBinaryMode(int fd);
+
+// Read-only open; -1 with errno set on failure.
+int OpenFileForReading(const char* path);
+// Write-only open, created if missing, never truncated; -1 with errno set.
+int OpenFileForWriting(const char* path);
+// 1 for a regular file, 0 for anything else, -1 with errno set when the path
+// has no status.
+int PathIsRegularFile(const char* path);
+void CloseFile(int fd);
+
+// An open regular file's size; false for pipes, consoles and devices.
+bool RegularFileSize(int fd, uint64_t* size);
+// The current position, or -1 where there is none (a pipe).
+int64_t FilePosition(int fd);
+// Whether writes land at the end whatever the position says.
+bool FileAppends(int fd);
+// Absolute seek; false with errno set (ESPIPE for a pipe).
+bool SeekFile(int fd, uint64_t offset);
+// One transfer at the current position or at an offset: the count moved
+// (possibly short), or -1 with errno set. An interrupted call is resumed.
+int64_t FileRead(int fd, void* buffer, size_t count);
+int64_t FileWrite(int fd, const void* buffer, size_t count);
+int64_t FileReadAt(int fd, void* buffer, size_t count, uint64_t offset);
+int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset);
+bool ResizeFile(int fd, uint64_t size);
+// Asks the file system to keep a new restore target sparse; false when it
+// refused (where every file is sparse by nature, always true).
+bool MarkSparse(int fd);
+// From offset on (offset < size), whether a regular file holds a hole
+// (*hole) or data, and where that extent ends (*end, at most size). False
+// when the file system cannot say: treat everything as data.
+bool FileExtent(int fd, uint64_t offset, uint64_t size, bool* hole, uint64_t* end);
+
+}  // namespace api

@@ -1,8 +1,7 @@
-// Memory, string and time services handed to the drivers. Stateless; one
-// object of each per process.
+// Memory and string services handed to the drivers. Stateless; one object
+// of each per process. The clock is the system's own (posix/, win32/).
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "platform/platform.h"
 
@@ -163,20 +162,6 @@ class CQORV_Strings : public IBaseStringManager {
   }
 };
 
-class QORV_Time : public ITime {
- public:
-  int64_t GetSystemTime() override {
-    timespec ts{};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    // 100-ns units since 1601-01-01.
-    return (int64_t(ts.tv_sec) + 11644473600LL) * 10000000LL + ts.tv_nsec / 100;
-  }
-  int32_t GetTimeZoneBias() override {
-    tzset();
-    return int32_t(timezone / 60);
-  }
-};
-
 }  // namespace
 
 IBaseMemoryManager* GetMemoryManager() {
@@ -186,10 +171,6 @@ IBaseMemoryManager* GetMemoryManager() {
 IBaseStringManager* GetStringManager() {
   static CQORV_Strings s;
   return &s;
-}
-ITime* GetTime() {
-  static QORV_Time t;
-  return &t;
 }
 
 }  // namespace api

@@ -41,10 +41,18 @@ if ! fuzz_runtime && command -v clang++ >/dev/null 2>&1; then
   fuzz_need+=("libclang-rt-$major-dev")
 fi
 
-if [ ${#need[@]} -eq 0 ] && [ ${#fuzz_need[@]} -eq 0 ]; then exit 0; fi
+# --- Windows: the mingw-w64 cross compilers and wine64 for the tests
+# labelled "windows"; without them those tests are skipped, so a failure to
+# install them is not fatal.
+win_need=()
+command -v x86_64-w64-mingw32-g++ >/dev/null 2>&1 || win_need+=(mingw-w64)
+command -v wine64 >/dev/null 2>&1 || [ -x /usr/lib/wine/wine64 ] || win_need+=(wine64)
+# --- end Windows
+
+if [ ${#need[@]} -eq 0 ] && [ ${#fuzz_need[@]} -eq 0 ] && [ ${#win_need[@]} -eq 0 ]; then exit 0; fi
 if [ "$(id -u)" -eq 0 ]; then sudo=""; elif command -v sudo >/dev/null; then sudo="sudo"; else
   if [ ${#need[@]} -eq 0 ]; then
-    echo "Not installing (not root): ${fuzz_need[*]}; the fuzz runs will be skipped." >&2
+    echo "Not installing (not root): ${fuzz_need[*]} ${win_need[*]}; the fuzz runs and Windows tests will be skipped." >&2
     exit 0
   fi
   echo "Missing packages (${need[*]}) and not root: install them, then run again." >&2
@@ -64,3 +72,9 @@ if [ ${#fuzz_need[@]} -gt 0 ]; then
     $sudo apt-get install -y -qq "libclang-rt-$(clang++ -dumpversion | cut -d. -f1)-dev" >/dev/null 2>&1 || true
   fi
 fi
+# --- Windows
+if [ ${#win_need[@]} -gt 0 ]; then
+  echo "Installing for the Windows builds and their wine run: ${win_need[*]}"
+  $sudo apt-get install -y -qq "${win_need[@]}" >/dev/null || echo "Could not install ${win_need[*]}." >&2
+fi
+# --- end Windows

@@ -3,7 +3,12 @@
 #include <cstdarg>
 #include <cstdint>
 
+#if defined(__MINGW32__)
+// The sink formats with the runtime's C99 printf, not the system's own.
+#define QORV_PRINTF(fmt_idx, arg_idx) __attribute__((format(gnu_printf, fmt_idx, arg_idx)))
+#else
 #define QORV_PRINTF(fmt_idx, arg_idx) __attribute__((format(printf, fmt_idx, arg_idx)))
+#endif
 
 namespace api {
 

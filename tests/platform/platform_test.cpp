@@ -46,6 +46,19 @@ TEST(Message, PercentLineOnlyWhenTheWholePercentChanges) {
     m.SetPosition(&pos);
   });
   EXPECT_EQ(zero, "0%");
+  // Positions whose product with 100 passes 64 bits still truncate exactly.
+  CQORV_Message big;
+  big.Configure(nullptr, nullptr, true);
+  const uint64_t max = UINT64_MAX;
+  for (auto [position, percent] : {std::pair<uint64_t, uint32_t>{max / 2, 49}, {max - 1, 99}, {max / 100 * 37, 36}}) {
+    big.SetTotal(0, &max, nullptr);
+    big.SetPosition(&position);
+    EXPECT_EQ(big.GetPercent(), percent) << position;
+  }
+  uint64_t half = uint64_t(1) << 62, total = uint64_t(1) << 63;
+  big.SetTotal(0, &total, nullptr);
+  big.SetPosition(&half);
+  EXPECT_EQ(big.GetPercent(), 50u);
   EXPECT_EQ(Capture(true, [](CQORV_Message& m) {
               uint64_t t = 10, p = 5;
               m.SetTotal(0, &t, nullptr);

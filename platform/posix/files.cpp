@@ -1,0 +1,92 @@
+// POSIX side of the tool's files: image files, restore targets, the
+// standard streams.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/platform.h"
+
+namespace api {
+
+bool StdinIsConsole() { return ::isatty(STDIN_FILENO); }
+
+void SetBinaryMode(int) {}  // no text mode here
+
+int OpenFileForReading(const char* path) { return ::open(path, O_RDONLY | O_CLOEXEC); }
+
+int OpenFileForWriting(const char* path) { return ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666); }
+
+int PathIsRegularFile(const char* path) {
+  struct stat st {};
+  if (::stat(path, &st) != 0) return -1;
+  return S_ISREG(st.st_mode) ? 1 : 0;
+}
+
+void CloseFile(int fd) { ::close(fd); }
+
+bool RegularFileSize(int fd, uint64_t* size) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  *size = uint64_t(st.st_size);
+  return true;
+}
+
+int64_t FilePosition(int fd) { return ::lseek(fd, 0, SEEK_CUR); }
+
+bool FileAppends(int fd) {
+  int flags = ::fcntl(fd, F_GETFL);
+  return flags < 0 || (flags & O_APPEND);
+}
+
+bool SeekFile(int fd, uint64_t offset) { return ::lseek(fd, off_t(offset), SEEK_SET) == off_t(offset); }
+
+int64_t FileRead(int fd, void* buffer, size_t count) {
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, count);
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+int64_t FileWrite(int fd, const void* buffer, size_t count) {
+  for (;;) {
+    ssize_t n = ::write(fd, buffer, count);
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+int64_t FileReadAt(int fd, void* buffer, size_t count, uint64_t offset) {
+  for (;;) {
+    ssize_t n = ::pread(fd, buffer, count, off_t(offset));
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset) {
+  for (;;) {
+    ssize_t n = ::pwrite(fd, buffer, count, off_t(offset));
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+bool ResizeFile(int fd, uint64_t size) { return size <= uint64_t(INT64_MAX) && ::ftruncate(fd, off_t(size)) == 0; }
+
+bool MarkSparse(int) { return true; }  // regular files are sparse until written
+
+bool FileExtent(int fd, uint64_t offset, uint64_t size, bool* hole, uint64_t* end) {
+  off_t data = ::lseek(fd, off_t(offset), SEEK_DATA);
+  if (data < 0 && errno == ENXIO) data = off_t(size);  // nothing but a hole up to the end
+  if (data >= 0 && uint64_t(data) > offset) {
+    *hole = true;
+    *end = uint64_t(data) < size ? uint64_t(data) : size;
+    return true;
+  }
+  off_t stop = data < 0 ? -1 : ::lseek(fd, off_t(offset), SEEK_HOLE);
+  if (stop <= off_t(offset)) return false;
+  *hole = false;
+  *end = uint64_t(stop);
+  return true;
+}
+
+}  // namespace api
