@@ -1,5 +1,7 @@
 #include "fs/ext/ext_fs.h"
 
+#include <cstring>
+
 #include "core/checksum.h"
 
 namespace QORV {
@@ -137,7 +139,7 @@ status_t CExtResizeBitmap::Build(api::IBaseMemoryManager* mem, const CExtSuperBl
 
 void CExtFsInode::Load(uint64_t number, ByteView raw) {
   rawSize_ = uint32_t(raw.Size() < kMaxRaw ? raw.Size() : kMaxRaw);
-  for (uint32_t i = 0; i < rawSize_; ++i) raw_[i] = raw.u8(i);
+  if (rawSize_) std::memcpy(raw_, raw.Data(), rawSize_);
   ByteView r(raw_, rawSize_);
   number_ = number;
   mode_ = r.le16(inf::kMode);
