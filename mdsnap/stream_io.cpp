@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,6 +92,23 @@ bool ImageWriter::Zeros(uint64_t len) {
   return true;
 }
 
+uint64_t ImageWriter::Send(int fd, uint64_t offset, uint64_t len) {
+  uint64_t done = 0;
+  while (sendable_ && !positioned_ && done < len) {
+    off_t at = off_t(offset + done);
+    uint64_t piece = len - done < kMaxCall ? len - done : kMaxCall;
+    ssize_t n = ::sendfile(fd_, fd, &at, size_t(piece));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      // Descriptors the kernel cannot pair are not tried again.
+      if (n < 0 && (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) sendable_ = false;
+      break;
+    }
+    done += uint64_t(n);
+  }
+  return done;
+}
+
 bool ImageWriter::Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage* verbose) {
   if (!positioned_) return WriteAll(fd_, p, len, verbose);
   // Whole aligned blocks of zeros past the old end are skipped; everything
@@ -119,6 +137,14 @@ bool ImageWriter::Finish() {
   if (::fstat(fd_, &st) != 0) return false;
   if (uint64_t(st.st_size) < pos_ && ::ftruncate(fd_, off_t(pos_)) != 0) return false;
   return ::lseek(fd_, off_t(pos_), SEEK_SET) >= 0;
+}
+
+void StartWriteback(int fd, uint64_t offset, uint64_t len) {
+#ifdef __linux__
+  ::sync_file_range(fd, off_t(offset), off_t(len), SYNC_FILE_RANGE_WRITE);
+#else
+  (void)fd, (void)offset, (void)len;
+#endif
 }
 
 uint64_t ReadUpTo(int fd, void* buf, uint64_t len) {
