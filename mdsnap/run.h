@@ -40,11 +40,6 @@ bool ReadAll(int fd, void* buf, uint64_t len, api::IMessage* verbose);
 // Reads up to len bytes, looping over short reads; returns the count read.
 uint64_t ReadUpTo(int fd, void* buf, uint64_t len);
 
-// Starts writing [offset, offset + len) of fd back to its disk without
-// waiting for it, so that the flush at the end of a restore finds most of
-// the data written already. Does nothing where the system cannot.
-void StartWriteback(int fd, uint64_t offset, uint64_t len);
-
 // Holes are made of whole aligned blocks of this size.
 constexpr uint32_t kHoleBlock = 4096;
 bool IsZero(const uint8_t* p, uint32_t len);

@@ -139,14 +139,6 @@ bool ImageWriter::Finish() {
   return ::lseek(fd_, off_t(pos_), SEEK_SET) >= 0;
 }
 
-void StartWriteback(int fd, uint64_t offset, uint64_t len) {
-#ifdef __linux__
-  ::sync_file_range(fd, off_t(offset), off_t(len), SYNC_FILE_RANGE_WRITE);
-#else
-  (void)fd, (void)offset, (void)len;
-#endif
-}
-
 uint64_t ReadUpTo(int fd, void* buf, uint64_t len) {
   uint8_t* p = static_cast<uint8_t*>(buf);
   uint64_t done = 0;
