@@ -11,7 +11,7 @@ namespace api {
 namespace {
 
 class QORV_MemoryManager : public IBaseMemoryManager {
-  static constexpr size_t kPage = 4096, kAlignFrom = 64 * 1024, kZeroAlignTo = 4 << 20;
+  static constexpr size_t kPage = 4096, kAlignFrom = 64 * 1024;
 
  public:
   void Fill(void* dst, int byte, size_t count) override { std::memset(dst, byte, count); }
@@ -23,18 +23,14 @@ class QORV_MemoryManager : public IBaseMemoryManager {
   void Move(void* dst, const void* src, size_t count) override { std::memmove(dst, src, count); }
   void* AllocateEx(size_t size, uint32_t, uint32_t, uint32_t flags) override { return Allocate(size, flags); }
   void* Allocate(size_t size, uint32_t flags) override {
-    const bool zero = flags & ALLOC_ZERO;
+    if (flags & ALLOC_ZERO) return std::calloc(1, size ? size : 1);
     // Large blocks are read into: the kernel copies into a page-aligned
     // buffer about three times as fast as into one a few bytes off a page.
-    // Zero-filled blocks beyond a few MiB are bitmaps, which calloc leaves
-    // unmapped until they are touched.
-    if (size >= kAlignFrom && (!zero || size <= kZeroAlignTo)) {
+    if (size >= kAlignFrom) {
       void* p = nullptr;
-      if (::posix_memalign(&p, kPage, size) != 0) return nullptr;
-      if (zero) std::memset(p, 0, size);
-      return p;
+      return ::posix_memalign(&p, kPage, size) == 0 ? p : nullptr;
     }
-    return zero ? std::calloc(1, size ? size : 1) : std::malloc(size ? size : 1);
+    return std::malloc(size ? size : 1);
   }
   void Free(void* block) override { std::free(block); }
 };
