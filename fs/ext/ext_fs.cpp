@@ -206,7 +206,7 @@ status_t CExtFsFileSystem::Mount() {
   QORV_TRY(desc_.Allocate(Mem(), uint32_t(descBytes)));
   // The descriptors follow the superblock's block (1 KiB blocks with a first data block of 0 included).
   QORV_TRY(ReadBlocks((1024 >> sb_.BlockShift()) + 1, sb_.descBlocks, desc_.Data()));
-  QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes));
+  QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes, false));
   for (uint32_t i = 0; i < kSlots; ++i) slots_[i].data = cache_.Data() + i * kSlotBytes;
   seq_.data = cache_.Data() + kSlots * kSlotBytes;
   return node_.Allocate(Mem(), sb_.BlockSize());
