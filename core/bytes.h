@@ -31,16 +31,26 @@ class ByteView {
   }
 
  private:
+  // len is 2, 4 or 8 at every call: one load, not a byte loop.
   uint64_t le(size_t off, size_t len) const {
     if (!Has(off, len)) return 0;
     uint64_t v = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    std::memcpy(&v, p_ + off, len);
+#else
     for (size_t i = len; i-- > 0;) v = (v << 8) | p_[off + i];
+#endif
     return v;
   }
   uint64_t be(size_t off, size_t len) const {
     if (!Has(off, len)) return 0;
     uint64_t v = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    std::memcpy(&v, p_ + off, len);
+    v = __builtin_bswap64(v) >> (64 - 8 * len);
+#else
     for (size_t i = 0; i < len; ++i) v = (v << 8) | p_[off + i];
+#endif
     return v;
   }
   const uint8_t* p_ = nullptr;

@@ -317,6 +317,22 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
           data += span;
           continue;
         }
+        if (out.Streams() && offset + done < ctx.volumeSize) {
+          // Bytes inside the volume go to a stream without passing through
+          // the work buffer; whatever the kernel does not move that way
+          // takes the buffered path, which reports a failure as it always has.
+          uint64_t inside = ctx.volumeSize - offset - done < span ? ctx.volumeSize - offset - done : span;
+          if (filled && !flush()) {
+            msg->Trace(1, "failed to write dump file");
+            status = ERR_WRITE_FAILED;
+            break;
+          }
+          uint64_t sent = out.Send(ctx.deviceFd, offset + done, inside);
+          done += sent;
+          data += sent;
+          if (sent == inside) continue;
+          span -= sent;
+        }
         uint32_t room = kWorkBufferSize - filled;
         uint32_t piece = uint32_t(span < room ? span : room);
         if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work + filled, piece)) {

@@ -55,6 +55,13 @@ class ImageWriter {
   bool Write(const void* buf, uint64_t len, api::IMessage* verbose);
   // len zero bytes, with no buffer to read them from.
   bool Zeros(uint64_t len);
+  // A stream (pipe, character device) takes bytes straight from the volume's
+  // descriptor, without a copy through the process. Returns how many of the
+  // len bytes at offset went out; fewer when the kernel cannot move them
+  // that way or a call failed, and the caller moves the rest itself (so a
+  // failure is reported as a read or a write failure, as ever).
+  uint64_t Send(int fd, uint64_t offset, uint64_t len);
+  bool Streams() const { return !positioned_ && sendable_; }
   // A file that ends in a hole gets its full size; the file position is left
   // at the image's end, as plain writes would leave it.
   bool Finish();
@@ -64,6 +71,7 @@ class ImageWriter {
 
   int fd_;
   bool positioned_ = false;
+  bool sendable_ = true;
   uint64_t pos_ = 0;
   uint64_t holesFrom_ = UINT64_MAX;
 };

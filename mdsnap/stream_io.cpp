@@ -84,6 +84,22 @@ bool ImageWriter::Zeros(uint64_t len) {
   return true;
 }
 
+uint64_t ImageWriter::Send(int fd, uint64_t offset, uint64_t len) {
+  uint64_t done = 0;
+  while (sendable_ && !positioned_ && done < len) {
+    uint64_t piece = len - done < kMaxCall ? len - done : kMaxCall;
+    bool unsupported = false;
+    int64_t n = api::FileSendAt(fd_, fd, size_t(piece), offset + done, &unsupported);
+    if (n <= 0) {
+      // Descriptors the system cannot pair are not tried again.
+      if (unsupported) sendable_ = false;
+      break;
+    }
+    done += uint64_t(n);
+  }
+  return done;
+}
+
 bool ImageWriter::Put(const uint8_t* p, uint64_t len, bool zeros, api::IMessage* verbose) {
   if (!positioned_) return WriteAll(fd_, p, len, verbose);
   // Whole aligned blocks of zeros past the old end are skipped; everything

@@ -80,6 +80,11 @@ int64_t FileWrite(int fd, const void* buffer, size_t count);
 int64_t FileReadAt(int fd, void* buffer, size_t count, uint64_t offset);
 int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset);
 bool ResizeFile(int fd, uint64_t size);
+// Moves count bytes from offset of in to the current position of out
+// without a copy through the process, where the system can: the count moved
+// (possibly short), or -1 with errno set; *unsupported when this pair of
+// descriptors can never be served that way (then use reads and writes).
+int64_t FileSendAt(int out, int in, size_t count, uint64_t offset, bool* unsupported);
 // Asks the file system to keep a new restore target sparse; false when it
 // refused (where every file is sparse by nature, always true).
 bool MarkSparse(int fd);

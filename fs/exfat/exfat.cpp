@@ -16,6 +16,9 @@ constexpr uint32_t kMaxClusterCount = 0xFFFFFFF5;
 // A backup region may declare another sector size; follow it this often.
 constexpr int kRegionAttempts = 4;
 constexpr uint32_t kEntryWindow = 64 * 1024;
+// A directory's entries usually end long before its first cluster does:
+// the first window is small and each refill reads twice as much.
+constexpr uint32_t kFirstEntryWindow = 4096;
 
 // {0A0C7E46-3399-4021-90C8-FA6D389C4BA2} as stored on disk.
 constexpr uint8_t kFlashGuid[16] = {0x46, 0x7E, 0x0C, 0x0A, 0x99, 0x33, 0x21, 0x40,
@@ -251,7 +254,8 @@ api::status_t CDirExFat::Entry(uint64_t pos, ByteView* out) {
     // Sector-aligned reads; clusters are at least a sector, so the start
     // stays inside the entry's extent.
     uint64_t start = pos & ~uint64_t(511);
-    uint32_t n = uint32_t(file_.ContiguousFrom(start, bufCap_));
+    uint32_t want = bufLen_ ? std::min(bufCap_, bufLen_ * 2) : std::min(bufCap_, kFirstEntryWindow);
+    uint32_t n = uint32_t(file_.ContiguousFrom(start, want < 1024 ? 1024 : want));
     if (n < pos + 32 - start) return api::ERR_IO_RANGE;
     bufPos_ = UINT64_MAX;
     QORV_TRY(file_.ReadAt(start, buf_, n));

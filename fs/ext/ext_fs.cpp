@@ -1,5 +1,7 @@
 #include "fs/ext/ext_fs.h"
 
+#include <cstring>
+
 #include "core/checksum.h"
 
 namespace QORV {
@@ -137,7 +139,7 @@ status_t CExtResizeBitmap::Build(api::IBaseMemoryManager* mem, const CExtSuperBl
 
 void CExtFsInode::Load(uint64_t number, ByteView raw) {
   rawSize_ = uint32_t(raw.Size() < kMaxRaw ? raw.Size() : kMaxRaw);
-  for (uint32_t i = 0; i < rawSize_; ++i) raw_[i] = raw.u8(i);
+  if (rawSize_) std::memcpy(raw_, raw.Data(), rawSize_);
   ByteView r(raw_, rawSize_);
   number_ = number;
   mode_ = r.le16(inf::kMode);
@@ -204,7 +206,7 @@ status_t CExtFsFileSystem::Mount() {
   QORV_TRY(desc_.Allocate(Mem(), uint32_t(descBytes)));
   // The descriptors follow the superblock's block (1 KiB blocks with a first data block of 0 included).
   QORV_TRY(ReadBlocks((1024 >> sb_.BlockShift()) + 1, sb_.descBlocks, desc_.Data()));
-  QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes));
+  QORV_TRY(cache_.Allocate(Mem(), kSlots * kSlotBytes + kSeqBytes, false));
   for (uint32_t i = 0; i < kSlots; ++i) slots_[i].data = cache_.Data() + i * kSlotBytes;
   seq_.data = cache_.Data() + kSlots * kSlotBytes;
   return node_.Allocate(Mem(), sb_.BlockSize());

@@ -310,7 +310,7 @@ status_t CExtScan::PassOverInodes() {
 status_t CExtScan::Run() {
   QORV_TRY(seen_.Create(session_.Mem(), uint64_t(sb_.inodesCount) + 1));
   QORV_TRY(files_.Create(session_.Mem(), uint64_t(sb_.inodesCount) + 8));
-  QORV_TRY(dirBuf_.Allocate(session_.Mem(), kDirChunk > sb_.BlockSize() ? kDirChunk : sb_.BlockSize()));
+  QORV_TRY(dirBuf_.Allocate(session_.Mem(), kDirChunk > sb_.BlockSize() ? kDirChunk : sb_.BlockSize(), false));
   MarkFixed();
   QORV_TRY(MarkSpecialInodes());
   QORV_TRY(CollectOrphans());

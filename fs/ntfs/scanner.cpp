@@ -91,12 +91,11 @@ class NtfsScan {
 };
 
 api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec, bool data) {
-  const Hex hex(r);
   if (readStatus == kNtfsBlankUnit) return api::QORV_OK;
   if (readStatus == api::QORV_OK) readStatus = file.Open(r, rec);
   if (readStatus != api::QORV_OK) {
-    if (msg_) msg_->Trace(1, "Failed to init record 0x%s.", hex.text);
-    session_.Problem("NTFS record 0x%s cannot be read or fails its fix-up (status 0x%x)", hex.text, readStatus);
+    if (msg_) msg_->Trace(1, "Failed to init record 0x%s.", Hex(r).text);
+    session_.Problem("NTFS record 0x%s cannot be read or fails its fix-up (status 0x%x)", Hex(r).text, readStatus);
     ++tally_;
     return readStatus;
   }
@@ -105,32 +104,34 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
   if (file.HasList()) {
     api::status_t s = file.LoadList();
     if (s != api::QORV_OK) {
-      if (msg_) msg_->Trace(1, "Failed to load attribute list for record 0x%s.", hex.text);
-      session_.Problem("NTFS record 0x%s: its attribute list cannot be loaded (status 0x%x)", hex.text, s);
+      if (msg_) msg_->Trace(1, "Failed to load attribute list for record 0x%s.", Hex(r).text);
+      session_.Problem("NTFS record 0x%s: its attribute list cannot be loaded (status 0x%x)", Hex(r).text, s);
       ++tally_;
       return s;
     }
   }
 
   char name[768];
+  const bool verbose = msg_ && session_.Env()->verbose;
   bool named = false;
   NtfsAttr a;
   api::status_t s;
   for (s = file.FirstAttr(&a, true); s == api::QORV_OK; s = file.NextAttr(&a)) {
-    if (a.type == kFileName && !named) named = a.DisplayName(name, sizeof name);
+    // The name is only ever traced, so it is only decoded for a verbose run.
+    if (a.type == kFileName && !named && verbose) named = a.DisplayName(name, sizeof name);
     if (!a.nonResident || a.lowestVcn != 0) continue;
     if (r == kBadClusRecord && a.type == kData && a.NameIs("$Bad")) continue;
     if (!data && r >= kFirstUserRecord && (a.type == kData || a.type >= kFirstUserType)) continue;
     // A verbose trace: on a volume of many files it would flood a log.
-    if (named && msg_ && session_.Env()->verbose)
-      msg_->Trace(2, "Include file r=%s, \"%s\", %x.", hex.text, name, a.type);
+    if (named)
+      msg_->Trace(2, "Include file r=%s, \"%s\", %x.", Hex(r).text, name, a.type);
     RunMarker marker(session_, r, a.type);
     NtfsAttrKey key;
     key.Set(a);
     api::status_t loaded = file.HasList() ? file.ForEachRun(key, &marker) : file.ForEachRun(a, &marker);
     if (loaded != api::QORV_OK) {
-      if (msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", a.type, hex.text);
-      session_.Problem("NTFS record 0x%s: the run list of attribute 0x%x cannot be loaded (status 0x%x)", hex.text,
+      if (msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", a.type, Hex(r).text);
+      session_.Problem("NTFS record 0x%s: the run list of attribute 0x%x cannot be loaded (status 0x%x)", Hex(r).text,
                        a.type, loaded);
       ++tally_;
       return loaded;
@@ -141,7 +142,7 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
     // An attribute the list names could not be found, or one runs past the
     // record; the reason was given where it was found.
     if (file.HasList() && msg_)
-      msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", file.UnresolvedType(), hex.text);
+      msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", file.UnresolvedType(), Hex(r).text);
     ++tally_;
     return s;
   }

@@ -2,9 +2,9 @@
 
 namespace QORV {
 
-api::status_t CUnixBlock::Allocate(api::IBaseMemoryManager* mem, uint32_t size) {
+api::status_t CUnixBlock::Allocate(api::IBaseMemoryManager* mem, uint32_t size, bool zeroed) {
   Release();
-  data_ = static_cast<uint8_t*>(mem->Allocate(size, api::ALLOC_ZERO));
+  data_ = static_cast<uint8_t*>(mem->Allocate(size, zeroed ? api::ALLOC_ZERO : 0));
   if (!data_) return api::ERR_NO_MEMORY;
   mem_ = mem;
   size_ = size;

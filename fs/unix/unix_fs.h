@@ -15,7 +15,10 @@ class CUnixBlock : public api::base_noncopyable {
  public:
   CUnixBlock() = default;
   ~CUnixBlock() { Release(); }
-  api::status_t Allocate(api::IBaseMemoryManager* mem, uint32_t size);
+  // zeroed: false for a buffer that is always read into before it is used
+  // (the memory manager then hands out a page-aligned block, which the
+  // kernel copies into faster).
+  api::status_t Allocate(api::IBaseMemoryManager* mem, uint32_t size, bool zeroed = true);
   void Release();
   uint8_t* Data() const { return data_; }
   uint32_t Size() const { return size_; }

@@ -1,6 +1,7 @@
 // POSIX side of the tool's files: image files, restore targets, the
 // standard streams.
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,6 +68,18 @@ int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset) {
   for (;;) {
     ssize_t n = ::pwrite(fd, buffer, count, off_t(offset));
     if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+int64_t FileSendAt(int out, int in, size_t count, uint64_t offset, bool* unsupported) {
+  *unsupported = false;
+  for (;;) {
+    off_t at = off_t(offset);
+    ssize_t n = ::sendfile(out, in, &at, count);
+    if (n >= 0 || errno != EINTR) {
+      if (n < 0 && (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) *unsupported = true;
+      return n;
+    }
   }
 }
 

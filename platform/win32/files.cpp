@@ -96,6 +96,12 @@ int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset) {
   return n;
 }
 
+// No zero-copy path here: the dump falls back to its own reads and writes.
+int64_t FileSendAt(int, int, size_t, uint64_t, bool* unsupported) {
+  *unsupported = true;
+  return -1;
+}
+
 bool ResizeFile(int fd, uint64_t size) {
   if (size > uint64_t(INT64_MAX)) return false;
   HANDLE h = OsHandle(fd);
