@@ -1,5 +1,7 @@
 #include "core/bitmap.h"
 
+#include <cstring>
+
 namespace QORV {
 
 bool BlockBitmap::Mark(uint64_t first, uint64_t n) {
@@ -8,7 +10,12 @@ bool BlockBitmap::Mark(uint64_t first, uint64_t n) {
   uint64_t end = inside ? first + n : count_;
   uint64_t i = first;
   for (; i < end && (i & 7); ++i) bits_[i >> 3] |= uint8_t(1u << (i & 7));
-  for (; i + 8 <= end; i += 8) bits_[i >> 3] = 0xFF;
+  // Whole bytes at once: a claimed extent can span most of a 512 MiB bitmap.
+  if (i + 8 <= end) {
+    uint64_t bytes = (end - i) >> 3;
+    std::memset(bits_ + (i >> 3), 0xFF, size_t(bytes));
+    i += bytes << 3;
+  }
   for (; i < end; ++i) bits_[i >> 3] |= uint8_t(1u << (i & 7));
   return inside;
 }
@@ -18,6 +25,23 @@ uint64_t CountSetBits(const uint8_t* bits, uint64_t count) {
   for (uint64_t i = 0; i < full; ++i) total += __builtin_popcount(bits[i]);
   if (count & 7) total += __builtin_popcount(bits[full] & ((1u << (count & 7)) - 1));
   return total;
+}
+
+uint64_t ClearBits(uint8_t* bits, uint64_t first, uint64_t end) {
+  uint64_t cleared = 0, i = first;
+  for (; i < end && (i & 7); ++i) {
+    cleared += (bits[i >> 3] >> (i & 7)) & 1;
+    bits[i >> 3] &= uint8_t(~(1u << (i & 7)));
+  }
+  for (; i + 8 <= end; i += 8) {
+    cleared += __builtin_popcount(bits[i >> 3]);
+    bits[i >> 3] = 0;
+  }
+  for (; i < end; ++i) {
+    cleared += (bits[i >> 3] >> (i & 7)) & 1;
+    bits[i >> 3] &= uint8_t(~(1u << (i & 7)));
+  }
+  return cleared;
 }
 
 uint64_t BlockBitmap::CountSet() const { return CountSetBits(bits_, count_); }

@@ -40,6 +40,8 @@ class BlockBitmap {
 
 // Popcount of the first `count` bits of a raw bitmap; a partial last byte is masked.
 uint64_t CountSetBits(const uint8_t* bits, uint64_t count);
+// Clears bits [first, end) and returns how many of them were set.
+uint64_t ClearBits(uint8_t* bits, uint64_t first, uint64_t end);
 
 // Walks a bitmap in runs of consecutive set bits, each at most maxRun long.
 class RunWalker {

@@ -254,6 +254,16 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
     msg->Trace(1, "Bytes per file system 0x%" PRIx64 ", Bytes per volume 0x%" PRIx64 "\n", fsBytes, ctx.volumeSize);
   uint64_t maxRun = uint64_t(kWorkBufferSize) >> k;
   if (maxRun == 0) maxRun = 1;  // blocks larger than the buffer move in pieces
+  // Blocks that start past the volume's end hold nothing to copy: a damaged
+  // header can claim terabytes of them on a volume of kilobytes, and the
+  // image would fill with their zeros. They stay in the bitmap's size but
+  // are not stored (a block that straddles the end still is).
+  if (fsBytes > ctx.volumeSize && k < 64) {
+    uint64_t from = (ctx.volumeSize >> k) + ((ctx.volumeSize & ((uint64_t(1) << k) - 1)) != 0);
+    uint64_t dropped = from < n ? QORV::ClearBits(scan.bitmap, from, n) : 0;
+    if (dropped && verbose)
+      msg->Trace(1, "%" PRIu64 " blocks past the end of the volume are not stored\n", dropped);
+  }
   uint64_t total = QORV::CountSetBits(scan.bitmap, n);
   SizeGb fsGb = ToGb(fsBytes);
   msg->BeginProgress("Dumping \"%s\" (%u.%02u GB) ...", ctx.deviceName, fsGb.whole, fsGb.hundredths);

@@ -57,7 +57,11 @@ def main():
             if target == "image":
                 args = [a.mdsnap, "--restore", "-c", "--silent", "-f:" + raw, out]
             else:
-                args = [a.mdsnap, "--dump", "--silent", "-f:" + out, raw]
+                # The hfs and apfs targets take -data and -fork from bits 1 and 2 of the size.
+                flags = []
+                if target in ("hfs", "apfs"):
+                    flags = (["-data"] if size & 2 else []) + (["-fork"] if target == "hfs" and size & 4 else [])
+                args = [a.mdsnap, "--dump", "--silent"] + flags + ["-f:" + out, raw]
             problem = run(args, size)
             name = os.path.relpath(src, a.dir)
             print("%s %s" % ("FAIL" if problem else "ok  ", name))
