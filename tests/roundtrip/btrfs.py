@@ -6,6 +6,7 @@ links, extended attributes), the subvolume list, and the tree dump."""
 import os
 import shutil
 import tempfile
+import uuid
 from contextlib import contextmanager
 
 import recipes
@@ -245,8 +246,9 @@ SUBVOLUMES = {"sv1", "sv2", "sv1/nested", "snap1_ro", "snap2_ro", "snap1_ro/f000
 def make_volume(img, mkfs_args, size_mb=SIZE_MB):
     with open(img, "wb") as f:
         f.truncate(size_mb << 20)
-    util.run(["mkfs.btrfs", "-q", "-f", "-U", "6a1e3c55-0f0e-4c1a-9d5e-1234567890ab"] + mkfs_args + [img],
-             check=True)
+    # A UUID of its own: the kernel refuses a second volume with the UUID of
+    # one mounted at the same time (the two btrfs groups build side by side).
+    util.run(["mkfs.btrfs", "-q", "-f", "-U", str(uuid.uuid4())] + mkfs_args + [img], check=True)
 
 
 def recipe(mkfs_args, mount_options="", subvols=False, quota=False, marker=False, base=True):
