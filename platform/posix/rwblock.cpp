@@ -14,13 +14,23 @@
 #include <string>
 #include <vector>
 
+#include "platform/aligned_io.h"
 #include "platform/platform.h"
 
 namespace api {
 
 namespace {
 
-constexpr uint32_t kAlign = 4096;
+// One pread for the aligned fall-back: bytes read, or -1 with *err set.
+struct PieceRead {
+  int fd;
+  explicit PieceRead(int f) : fd(f) {}
+  int64_t operator()(void* buffer, uint32_t count, uint64_t at, int* err) const {
+    ssize_t n = ::pread(fd, buffer, count, off_t(at));
+    *err = errno;
+    return n;
+  }
+};
 
 // The name to open. Drive letters are a Windows notion; here a name is
 // opened as given.
@@ -227,24 +237,11 @@ status_t CQORV_RWBlock::ReadBytes(uint64_t offset, void* buffer, uint32_t count,
   ssize_t got = ::pread(fd_, out, count, off_t(offset));
   if (got == ssize_t(count)) return QORV_OK;
   if ((flags & READ_VERIFY) && got < 0) return ERR_IO_RANGE;
-  // Some devices refuse unaligned transfers: go by aligned 4096-byte pieces.
-  uint8_t bounce[kAlign];
-  uint64_t at = offset - offset % kAlign;
-  uint32_t skip = uint32_t(offset % kAlign), done = 0;
-  while (done < count) {
-    uint32_t want = kAlign;
-    if (at + want > size_) want = uint32_t(size_ - at);
-    ssize_t n = ::pread(fd_, bounce, want, off_t(at));
-    uint32_t piece = kAlign - skip;
-    if (piece > count - done) piece = count - done;
-    if (n < 0) return ReadFailed(at, bounce, want, n, errno);
-    if (uint32_t(n) < skip + piece) return ReadFailed(at, bounce, want, n, 0);
-    std::memcpy(out + done, bounce + skip, piece);
-    done += piece;
-    at += kAlign;
-    skip = 0;
-  }
-  return QORV_OK;
+  // Some devices refuse unaligned transfers: go by aligned pieces.
+  return ReadByAlignedPieces(offset, out, count, size_, PieceRead(fd_),
+                             [this](uint64_t at, void* b, uint32_t n, int64_t got, int e) {
+                               return ReadFailed(at, b, n, ssize_t(got), e);
+                             });
 }
 
 status_t CQORV_RWBlock::WriteBytes(uint64_t offset, const void* buffer, uint32_t count, int32_t flags) {
@@ -256,28 +253,16 @@ status_t CQORV_RWBlock::WriteBytes(uint64_t offset, const void* buffer, uint32_t
   const bool zeros = flags & WRITE_ZEROS;
   const uint8_t* in = static_cast<const uint8_t*>(buffer);
   if (!zeros && in && ::pwrite(fd_, in, count, off_t(offset)) == ssize_t(count)) return QORV_OK;
-  // Partial writes and zero fills go by aligned 4096-byte blocks; a block
-  // only partly covered is read first.
-  uint8_t block[kAlign];
-  uint64_t at = offset - offset % kAlign;
-  uint32_t skip = uint32_t(offset % kAlign), done = 0;
-  while (done < count) {
-    uint32_t piece = kAlign - skip;
-    if (piece > count - done) piece = count - done;
-    uint32_t len = at + kAlign > size_ ? uint32_t(size_ - at) : kAlign;
-    if (piece != len) {
-      ssize_t n = ::pread(fd_, block, len, off_t(at));
-      if (n != ssize_t(len)) return n < 0 ? WriteFailed(at, block, len, n, errno) : ERR_SHORT_IO;
-    }
-    if (zeros || !in) std::memset(block + skip, 0, piece);
-    else std::memcpy(block + skip, in + done, piece);
-    ssize_t w = ::pwrite(fd_, block, len, off_t(at));
-    if (w != ssize_t(len)) return WriteFailed(at, block, len, w, w < 0 ? errno : 0);
-    done += piece;
-    at += kAlign;
-    skip = 0;
-  }
-  return QORV_OK;
+  // Partial writes and zero fills go by aligned pieces.
+  return WriteByAlignedPieces(offset, zeros ? nullptr : in, count, size_, PieceRead(fd_),
+                              [this](const void* b, uint32_t n, uint64_t at, int* e) -> int64_t {
+                                ssize_t w = ::pwrite(fd_, b, n, off_t(at));
+                                *e = errno;
+                                return w;
+                              },
+                              [this](uint64_t at, const void* b, uint32_t n, int64_t got, int e) {
+                                return WriteFailed(at, b, n, ssize_t(got), e);
+                              });
 }
 
 }  // namespace

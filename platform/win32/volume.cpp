@@ -9,12 +9,13 @@
 #include <new>
 #include <vector>
 
+#include "platform/aligned_io.h"
+
 namespace api {
 namespace win32 {
 
 namespace {
 
-constexpr uint32_t kAlign = 4096;
 constexpr size_t kMaxPath = 260;
 constexpr size_t kMaxModulePath = 256;
 constexpr uint32_t kInvalidParameter = 87;  // the extended-access query's "already allowed"
@@ -211,23 +212,11 @@ status_t CQORV_RWBlock::ReadBytes(uint64_t offset, void* buffer, uint32_t count,
   }
   int err = 0;
   if (sys_->ReadAt(fd_, out, count, offset, &err) == int64_t(count)) return QORV_OK;
-  // A volume handle refuses unaligned transfers: go by aligned 4096-byte pieces.
-  uint8_t bounce[kAlign];
-  uint64_t at = offset - offset % kAlign;
-  uint32_t skip = uint32_t(offset % kAlign), done = 0;
-  while (done < count) {
-    uint32_t want = at + kAlign > size_ ? uint32_t(size_ - at) : kAlign;
-    int64_t n = sys_->ReadAt(fd_, bounce, want, at, &err);
-    uint32_t piece = kAlign - skip;
-    if (piece > count - done) piece = count - done;
-    if (n < 0) return ReadFailed(at, bounce, want, n, err);
-    if (uint64_t(n) < uint64_t(skip) + piece) return ReadFailed(at, bounce, want, n, 0);
-    std::memcpy(out + done, bounce + skip, piece);
-    done += piece;
-    at += kAlign;
-    skip = 0;
-  }
-  return QORV_OK;
+  // A volume handle refuses unaligned transfers: go by aligned pieces.
+  return ReadByAlignedPieces(
+      offset, out, count, size_,
+      [this](void* b, uint32_t n, uint64_t at, int* e) { return sys_->ReadAt(fd_, b, n, at, e); },
+      [this](uint64_t at, void* b, uint32_t n, int64_t got, int e) { return ReadFailed(at, b, n, got, e); });
 }
 
 status_t CQORV_RWBlock::WriteBytes(uint64_t offset, const void* buffer, uint32_t count, int32_t flags) {
@@ -239,30 +228,12 @@ status_t CQORV_RWBlock::WriteBytes(uint64_t offset, const void* buffer, uint32_t
   const uint8_t* in = static_cast<const uint8_t*>(buffer);
   int err = 0;
   if (!zeros && in && sys_->WriteAt(fd_, in, count, offset, &err) == int64_t(count)) return QORV_OK;
-  // Partial writes and zero fills go by aligned 4096-byte blocks; a block
-  // only partly covered is read first.
-  uint8_t block[kAlign];
-  uint64_t at = offset - offset % kAlign;
-  uint32_t skip = uint32_t(offset % kAlign), done = 0;
-  while (done < count) {
-    uint32_t piece = kAlign - skip;
-    if (piece > count - done) piece = count - done;
-    uint32_t len = at + kAlign > size_ ? uint32_t(size_ - at) : kAlign;
-    if (piece != len) {
-      int64_t n = sys_->ReadAt(fd_, block, len, at, &err);
-      if (n != int64_t(len)) return n < 0 ? WriteFailed(at, block, len, n, err) : ERR_SHORT_IO;
-    }
-    if (zeros || !in)
-      std::memset(block + skip, 0, piece);
-    else
-      std::memcpy(block + skip, in + done, piece);
-    int64_t w = sys_->WriteAt(fd_, block, len, at, &err);
-    if (w != int64_t(len)) return WriteFailed(at, block, len, w, w < 0 ? err : 0);
-    done += piece;
-    at += kAlign;
-    skip = 0;
-  }
-  return QORV_OK;
+  // Partial writes and zero fills go by aligned pieces.
+  return WriteByAlignedPieces(
+      offset, zeros ? nullptr : in, count, size_,
+      [this](void* b, uint32_t n, uint64_t at, int* e) { return sys_->ReadAt(fd_, b, n, at, e); },
+      [this](const void* b, uint32_t n, uint64_t at, int* e) { return sys_->WriteAt(fd_, b, n, at, e); },
+      [this](uint64_t at, const void* b, uint32_t n, int64_t got, int e) { return WriteFailed(at, b, n, got, e); });
 }
 
 int CreateVolumeDeviceOn(IVolumeSystem* sys, const char* path, bool readOnly, bool fixedSize,
