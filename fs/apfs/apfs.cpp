@@ -275,15 +275,22 @@ status_t CApfsFileSystem::ReadObject(uint64_t block, ByteView* out) {
 }
 
 status_t CApfsFileSystem::LoadWindow(uint64_t first, uint64_t count, uint64_t* held) {
-  windowCount_ = 0;
   *held = 0;
   if (!window_) {
     window_ = static_cast<uint8_t*>(env_->mem->Allocate(kWindowBytes, 0));
     if (!window_) return api::ERR_NO_MEMORY;
+    windowCount_ = 0;
   }
   const uint64_t most = kWindowBytes >> sb_.blockShift;
   if (first >= blockCount_) return api::ERR_IO_RANGE;
   uint64_t n = std::min<uint64_t>({count, most, blockCount_ - first});
+  // Already held (the descriptor area, read while looking for the space
+  // manager, is swept again by the walk): the source does not change.
+  if (windowCount_ == n && windowFirst_ == first) {
+    *held = n;
+    return api::QORV_OK;
+  }
+  windowCount_ = 0;
   QORV_TRY(dev_->ReadBytes(first << sb_.blockShift, window_, uint32_t(n << sb_.blockShift), 0));
   windowFirst_ = first;
   windowCount_ = *held = n;
@@ -304,10 +311,21 @@ status_t CApfsFileSystem::FindSpaceman(uint64_t* address) {
   const uint64_t descBase = b0.le64(nx::kXpDescBase);
   const uint64_t descBlocks = b0.le32(nx::kXpDescBlocks) & ~nx::kAreaNotContiguous;
   uint64_t best = UINT64_MAX, bestXid = 0;
-  for (uint64_t i = 0; i < descBlocks && descBase < blockCount_ && i < blockCount_ - descBase; ++i) {
-    ByteView v;
-    if (ReadObject(descBase + i, &v) != api::QORV_OK || !CApfsSuperBlock::IsValid(v)) continue;
-    if (best == UINT64_MAX || v.le64(obj::kXid) > bestXid) best = descBase + i, bestXid = v.le64(obj::kXid);
+  // A window at a time; the walk's sweep then finds the area's first window
+  // still held.
+  const uint64_t inside = descBase < blockCount_ ? std::min(descBlocks, blockCount_ - descBase) : 0;
+  for (uint64_t i = 0; i < inside;) {
+    uint64_t held = 0;
+    const status_t w = LoadWindow(descBase + i, inside - i, &held);
+    if (w == api::ERR_DEVICE_GONE || w == api::ERR_NO_MEMORY) return w;
+    // A window that cannot be read is tried block by block: one bad block
+    // loses only itself.
+    if (w != api::QORV_OK) held = std::min<uint64_t>(inside - i, kWindowBytes >> sb_.blockShift);
+    for (uint64_t end = i + held; i < end; ++i) {
+      ByteView v;
+      if (ReadObject(descBase + i, &v) != api::QORV_OK || !CApfsSuperBlock::IsValid(v)) continue;
+      if (best == UINT64_MAX || v.le64(obj::kXid) > bestXid) best = descBase + i, bestXid = v.le64(obj::kXid);
+    }
   }
   uint8_t* sb = scratch_;
   if (best == UINT64_MAX) {
