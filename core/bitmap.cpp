@@ -21,8 +21,17 @@ bool BlockBitmap::Mark(uint64_t first, uint64_t n) {
 }
 
 uint64_t CountSetBits(const uint8_t* bits, uint64_t count) {
-  uint64_t full = count >> 3, total = 0;
-  for (uint64_t i = 0; i < full; ++i) total += __builtin_popcount(bits[i]);
+  uint64_t full = count >> 3, total = 0, i = 0;
+  // Eight bytes a step, empty and full words without a popcount: without a
+  // popcount instruction each one is a library call, and a 1 TiB volume's
+  // bitmap holds 32 million bytes.
+  for (; i + 8 <= full; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, bits + i, 8);
+    if (w == 0) continue;
+    total += w == ~uint64_t(0) ? 64 : uint64_t(__builtin_popcountll(w));
+  }
+  for (; i < full; ++i) total += __builtin_popcount(bits[i]);
   if (count & 7) total += __builtin_popcount(bits[full] & ((1u << (count & 7)) - 1));
   return total;
 }
