@@ -188,4 +188,15 @@ TEST(RunWalker, RunsAreCutAtTheLongestTransfer) {
   EXPECT_EQ(runs, want);
   RunWalker none(bytes.data(), 2, 16);
   EXPECT_FALSE(none.Next(&f, &n));
+  // Whole words: a clear one skipped, a set one taken, the run still cut;
+  // a run in the partial last byte.
+  std::vector<uint8_t> wide(33, 0);
+  BlockBitmap m(wide.data(), 261);
+  m.Mark(67, 133);
+  m.Mark(256, 5);
+  RunWalker ww(wide.data(), 261, 100);
+  runs.clear();
+  while (ww.Next(&f, &n)) runs.emplace_back(f, n);
+  want = {{67, 100}, {167, 33}, {256, 5}};
+  EXPECT_EQ(runs, want);
 }
