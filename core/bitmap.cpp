@@ -21,8 +21,17 @@ bool BlockBitmap::Mark(uint64_t first, uint64_t n) {
 }
 
 uint64_t CountSetBits(const uint8_t* bits, uint64_t count) {
-  uint64_t full = count >> 3, total = 0;
-  for (uint64_t i = 0; i < full; ++i) total += __builtin_popcount(bits[i]);
+  uint64_t full = count >> 3, total = 0, i = 0;
+  // Eight bytes a step, empty and full words without a popcount: without a
+  // popcount instruction each one is a library call, and a 1 TiB volume's
+  // bitmap holds 32 million bytes.
+  for (; i + 8 <= full; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, bits + i, 8);
+    if (w == 0) continue;
+    total += w == ~uint64_t(0) ? 64 : uint64_t(__builtin_popcountll(w));
+  }
+  for (; i < full; ++i) total += __builtin_popcount(bits[i]);
   if (count & 7) total += __builtin_popcount(bits[full] & ((1u << (count & 7)) - 1));
   return total;
 }
@@ -46,9 +55,24 @@ uint64_t ClearBits(uint8_t* bits, uint64_t first, uint64_t end) {
 
 uint64_t BlockBitmap::CountSet() const { return CountSetBits(bits_, count_); }
 
+namespace {
+// The 64 bits from bit `pos` (a multiple of 64), only ever compared with all
+// clear or all set, so their order in the word does not matter.
+inline uint64_t WordAt(const uint8_t* bits, uint64_t pos) {
+  uint64_t w;
+  std::memcpy(&w, bits + (pos >> 3), 8);
+  return w;
+}
+}  // namespace
+
 bool RunWalker::Next(uint64_t* first, uint64_t* length) {
-  // Skip clear bits a byte at a time where possible.
+  // Skip clear bits a word, then a byte at a time where possible: most of a
+  // large volume's bitmap is clear.
   while (pos_ < count_) {
+    if ((pos_ & 63) == 0 && count_ - pos_ >= 64 && WordAt(bits_, pos_) == 0) {
+      pos_ += 64;
+      continue;
+    }
     if ((pos_ & 7) == 0 && bits_[pos_ >> 3] == 0) {
       pos_ += 8;
       continue;
@@ -59,6 +83,11 @@ bool RunWalker::Next(uint64_t* first, uint64_t* length) {
   if (pos_ >= count_) return false;
   uint64_t start = pos_;
   while (pos_ < count_ && pos_ - start < maxRun_) {
+    if ((pos_ & 63) == 0 && count_ - pos_ >= 64 && maxRun_ - (pos_ - start) >= 64 &&
+        WordAt(bits_, pos_) == ~uint64_t(0)) {
+      pos_ += 64;
+      continue;
+    }
     if ((pos_ & 7) == 0 && pos_ + 8 <= count_ && pos_ - start + 8 <= maxRun_ && bits_[pos_ >> 3] == 0xFF) {
       pos_ += 8;
       continue;

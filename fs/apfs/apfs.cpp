@@ -1,6 +1,7 @@
 #include "fs/apfs/apfs.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace QORV {
 namespace apfs {
@@ -10,22 +11,43 @@ using api::status_t;
 namespace {
 
 constexpr uint64_t kModulus = 0xFFFFFFFFull;
-// Words summed before the running sums are reduced: sum2 stays below 2^63.
-constexpr size_t kWordsPerReduction = 1024;
+// Words summed between reductions. From sums below 2^32, n words leave sum2
+// below 2^32 * (1 + n + n(n+1)/2), which stays inside 64 bits up to about
+// 92,000 words: a block of up to 64 KiB needs no modulo before its end.
+constexpr size_t kWordsPerReduction = 16384;
+static_assert(kWordsPerReduction * (kWordsPerReduction + 3) / 2 < kModulus, "the sums of Fletcher64 overflow");
 // Chunks beyond what the block count makes that are still taken (a last
 // partial chunk, rounding); more is damage.
 constexpr uint64_t kSpareChunks = 16;
+
+// A little-endian word; `p` has 4 bytes (the caller's loop bound).
+inline uint64_t Word(const uint8_t* p) {
+  uint32_t w;
+  std::memcpy(&w, p, 4);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  w = __builtin_bswap32(w);
+#endif
+  return w;
+}
 
 }  // namespace
 
 uint64_t Fletcher64(const uint8_t* data, size_t size) {
   uint64_t sum1 = 0, sum2 = 0;
-  ByteView v(data, size);
-  size_t words = size / 4;
+  const size_t words = size / 4;
   for (size_t i = obj::kOid / 4; i < words;) {
-    size_t end = std::min(words, i + kWordsPerReduction);
+    const size_t end = std::min(words, i + kWordsPerReduction);
+    // Four words a step: sum2 gains 4 * sum1 and each word weighted by how
+    // many of the step's sums it enters, so the step's additions do not wait
+    // on one another.
+    for (; i + 4 <= end; i += 4) {
+      const uint8_t* p = data + i * 4;
+      const uint64_t a = Word(p), b = Word(p + 4), c = Word(p + 8), d = Word(p + 12);
+      sum2 += 4 * sum1 + 4 * a + 3 * b + 2 * c + d;
+      sum1 += a + b + c + d;
+    }
     for (; i < end; ++i) {
-      sum1 += v.le32(i * 4);
+      sum1 += Word(data + i * 4);
       sum2 += sum1;
     }
     sum1 %= kModulus;
@@ -253,15 +275,22 @@ status_t CApfsFileSystem::ReadObject(uint64_t block, ByteView* out) {
 }
 
 status_t CApfsFileSystem::LoadWindow(uint64_t first, uint64_t count, uint64_t* held) {
-  windowCount_ = 0;
   *held = 0;
   if (!window_) {
     window_ = static_cast<uint8_t*>(env_->mem->Allocate(kWindowBytes, 0));
     if (!window_) return api::ERR_NO_MEMORY;
+    windowCount_ = 0;
   }
   const uint64_t most = kWindowBytes >> sb_.blockShift;
   if (first >= blockCount_) return api::ERR_IO_RANGE;
   uint64_t n = std::min<uint64_t>({count, most, blockCount_ - first});
+  // Already held (the descriptor area, read while looking for the space
+  // manager, is swept again by the walk): the source does not change.
+  if (windowCount_ == n && windowFirst_ == first) {
+    *held = n;
+    return api::QORV_OK;
+  }
+  windowCount_ = 0;
   QORV_TRY(dev_->ReadBytes(first << sb_.blockShift, window_, uint32_t(n << sb_.blockShift), 0));
   windowFirst_ = first;
   windowCount_ = *held = n;
@@ -282,10 +311,21 @@ status_t CApfsFileSystem::FindSpaceman(uint64_t* address) {
   const uint64_t descBase = b0.le64(nx::kXpDescBase);
   const uint64_t descBlocks = b0.le32(nx::kXpDescBlocks) & ~nx::kAreaNotContiguous;
   uint64_t best = UINT64_MAX, bestXid = 0;
-  for (uint64_t i = 0; i < descBlocks && descBase < blockCount_ && i < blockCount_ - descBase; ++i) {
-    ByteView v;
-    if (ReadObject(descBase + i, &v) != api::QORV_OK || !CApfsSuperBlock::IsValid(v)) continue;
-    if (best == UINT64_MAX || v.le64(obj::kXid) > bestXid) best = descBase + i, bestXid = v.le64(obj::kXid);
+  // A window at a time; the walk's sweep then finds the area's first window
+  // still held.
+  const uint64_t inside = descBase < blockCount_ ? std::min(descBlocks, blockCount_ - descBase) : 0;
+  for (uint64_t i = 0; i < inside;) {
+    uint64_t held = 0;
+    const status_t w = LoadWindow(descBase + i, inside - i, &held);
+    if (w == api::ERR_DEVICE_GONE || w == api::ERR_NO_MEMORY) return w;
+    // A window that cannot be read is tried block by block: one bad block
+    // loses only itself.
+    if (w != api::QORV_OK) held = std::min<uint64_t>(inside - i, kWindowBytes >> sb_.blockShift);
+    for (uint64_t end = i + held; i < end; ++i) {
+      ByteView v;
+      if (ReadObject(descBase + i, &v) != api::QORV_OK || !CApfsSuperBlock::IsValid(v)) continue;
+      if (best == UINT64_MAX || v.le64(obj::kXid) > bestXid) best = descBase + i, bestXid = v.le64(obj::kXid);
+    }
   }
   uint8_t* sb = scratch_;
   if (best == UINT64_MAX) {

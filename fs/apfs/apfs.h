@@ -156,9 +156,9 @@ class CApfsFileSystem : public api::base_noncopyable {
   api::status_t ReadObject(uint64_t block, ByteView* out);
   // Reads up to a window's worth of blocks from `first` in one go (the
   // sweeps of the checkpoint areas); ReadObject serves them from there, with
-  // the same check, until the next call. Returns how many blocks it holds.
+  // the same check, until the next call. A call for the blocks already held
+  // reads nothing. Returns how many blocks it holds.
   api::status_t LoadWindow(uint64_t first, uint64_t count, uint64_t* held);
-  void DropWindow() { windowCount_ = 0; }
   // A block as it is, into `buffer` (block size bytes).
   api::status_t ReadRaw(uint64_t block, uint8_t* buffer);
   const CBlockReader::Counters& Stats() const { return reader_.Stats(); }

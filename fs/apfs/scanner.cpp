@@ -5,6 +5,8 @@
 // every block the space manager reports allocated, found by run probes that
 // double, and the metadata walk on top, so a damaged space manager cannot
 // lose structure.
+#include <algorithm>
+
 #include "core/scan/session.h"
 #include "core/scan/tree_walk.h"
 #include "fs/apfs/apfs.h"
@@ -60,6 +62,11 @@ class CApfsScan : public ITreeVisitor, public IApfsRunSink {
   api::IMessage* msg_;
   bool progress_ = false;
   CApfsTree tree_;
+  // Blocks of the checkpoint areas the running sweep has yet to reach.
+  struct Range {
+    uint64_t first = 0, end = 0;
+    bool Holds(uint64_t b) const { return b >= first && b < end; }
+  } ahead_[2];
 };
 
 void CApfsScan::Refer(CTreeWalk& walk, uint64_t block, uint64_t aux, const char* what, uint64_t from) {
@@ -70,6 +77,7 @@ void CApfsScan::Refer(CTreeWalk& walk, uint64_t block, uint64_t aux, const char*
                        (unsigned long long)from, (unsigned long long)block, (unsigned long long)Count());
     return;
   }
+  if ((aux & kFromSweep) && (ahead_[0].Holds(block) || ahead_[1].Holds(block))) return;
   walk.Add(block, aux);
 }
 
@@ -278,31 +286,37 @@ status_t CApfsScan::RunMetadata(bool progress) {
     uint64_t base, blocks;
     const char* what;
   } areas[] = {{descBase, descBlocks, "checkpoint descriptor area"}, {dataBase, dataBlocks, "checkpoint data area"}};
-  for (const Area& a : areas) {
-    uint64_t inside = a.blocks;
-    if (a.base >= Count() || a.blocks > Count() - a.base) {
+  auto inside = [this](const Area& a) {
+    return a.base >= Count() ? 0 : std::min<uint64_t>(a.blocks, Count() - a.base);
+  };
+  for (size_t k = 0; k < 2; ++k) {
+    const Area& a = areas[k];
+    const uint64_t in = inside(a);
+    if (in < a.blocks)
       session_.Problem("APFS %s: blocks 0x%llx + 0x%llx run past the container's 0x%llx blocks", a.what,
                        (unsigned long long)a.base, (unsigned long long)a.blocks, (unsigned long long)Count());
-      inside = a.base >= Count() ? 0 : Count() - a.base;
-    }
     // Read a window at a time: a sweep touches every block of the areas.
-    for (uint64_t i = 0; i < inside;) {
+    for (uint64_t i = 0; i < in;) {
       uint64_t held = 0;
-      QORV_TRY(fs_.LoadWindow(a.base + i, inside - i, &held));
+      QORV_TRY(fs_.LoadWindow(a.base + i, in - i, &held));
+      // What the sweep has still to reach is not read from here: the sweep
+      // gets there with its own window.
+      ahead_[0] = {a.base + i + held, a.base + in};
+      ahead_[1] = k == 0 ? Range{areas[1].base, areas[1].base + inside(areas[1])} : Range{};
       for (uint64_t end = i + held; i < end; ++i) {
         walk.Add(a.base + i, kFromSweep);
         status_t s = walk.Run(*this);
         if (s != api::QORV_OK) {
-          fs_.DropWindow();
+          ahead_[0] = ahead_[1] = Range{};
           return s;
         }
         if (progress && msg_) msg_->SetPosition(&++step);
       }
-      fs_.DropWindow();
     }
-    step += a.blocks - inside;
+    step += a.blocks - in;
     if (progress && msg_) msg_->SetPosition(&step);
   }
+  ahead_[0] = ahead_[1] = Range{};
   EndProgress();
   return api::QORV_OK;
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -164,6 +165,13 @@ TEST(BlockBitmap, MarkIsClampedToTheBitmap) {
   uint8_t full[2] = {0xFF, 0xFF};
   EXPECT_EQ(CountSetBits(full, 12), 12u);  // the partial last byte is masked
   EXPECT_EQ(CountSetBits(full, 16), 16u);
+  // Whole words empty, full and mixed, then bytes, then a masked last byte.
+  uint8_t words[21] = {};
+  std::memset(words + 8, 0xFF, 8);
+  words[17] = 0x81, words[19] = 0x10, words[20] = 0xFF;
+  EXPECT_EQ(CountSetBits(words, 8 * 20 + 3), 64u + 2 + 1 + 3);
+  words[3] = 0x0F;
+  EXPECT_EQ(CountSetBits(words, 8 * 21), 4u + 64 + 2 + 1 + 8);
 }
 
 TEST(RunWalker, RunsAreCutAtTheLongestTransfer) {
@@ -180,4 +188,15 @@ TEST(RunWalker, RunsAreCutAtTheLongestTransfer) {
   EXPECT_EQ(runs, want);
   RunWalker none(bytes.data(), 2, 16);
   EXPECT_FALSE(none.Next(&f, &n));
+  // Whole words: a clear one skipped, a set one taken, the run still cut;
+  // a run in the partial last byte.
+  std::vector<uint8_t> wide(33, 0);
+  BlockBitmap m(wide.data(), 261);
+  m.Mark(67, 133);
+  m.Mark(256, 5);
+  RunWalker ww(wide.data(), 261, 100);
+  runs.clear();
+  while (ww.Next(&f, &n)) runs.emplace_back(f, n);
+  want = {{67, 100}, {167, 33}, {256, 5}};
+  EXPECT_EQ(runs, want);
 }
