@@ -26,6 +26,8 @@ want man man-db
 want dpkg-shlibdeps dpkg-dev
 want mkapfs apfsprogs
 want fsapfsmount libfsapfs-utils
+want fshfsinfo libfshfs-utils
+want mkfs.btrfs btrfs-progs
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -x /usr/bin/time ] || need+=(time)
 
