@@ -179,12 +179,15 @@ api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
     return api::ERR_INCONSISTENT;
   }
   ByteView a = rec_.Sub(pos_, length);
-  *out = NtfsAttr();
+  // Every field is set below, those of the other form cleared there: not by
+  // clearing the whole attribute first (this runs for every attribute of
+  // every record).
   out->raw = a;
   out->type = type;
   out->nonResident = a.u8(Attr::kNonResident) != 0;
   out->flags = a.le16(Attr::kFlags);
   out->id = a.le16(Attr::kId);
+  out->name = ByteView();
   uint32_t nameLength = a.u8(Attr::kNameLength), nameOffset = a.le16(Attr::kNameOffset);
   if (nameLength) {
     out->name = a.Sub(nameOffset, size_t(nameLength) * 2);
@@ -201,6 +204,9 @@ api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
     }
     out->value = a.Sub(valueOffset, valueLength);
     out->valueOffset = valueOffset;
+    out->lowestVcn = out->highestVcn = 0;
+    out->allocatedSize = out->dataSize = out->initializedSize = 0;
+    out->pairs = ByteView();
   } else {
     uint32_t pairs = a.le16(Attr::kPairsOffset);
     if (length < Attr::kNonResidentHeader || pairs < Attr::kNonResidentHeader || pairs > length) {
@@ -213,6 +219,8 @@ api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
     out->dataSize = a.le64(Attr::kDataSize);
     out->initializedSize = a.le64(Attr::kInitializedSize);
     out->pairs = a.Sub(pairs, length - pairs);
+    out->value = ByteView();
+    out->valueOffset = 0;
   }
   pos_ += length;
   return api::QORV_OK;

@@ -178,9 +178,15 @@ class CFileNtfs : public api::base_noncopyable {
   // Opens record r from bytes already read and fixed up, or reads it.
   api::status_t Open(uint64_t r, const ByteView& fixedUp);
   api::status_t Open(uint64_t r);
+  // Takes record r where it lies, without a copy and without looking for an
+  // attribute list (HasList stays false): for a caller that walks the
+  // attributes itself and keeps the bytes in place meanwhile. Reading other
+  // records could overwrite them, so a record with a list is opened with
+  // Open instead.
+  api::status_t OpenInPlace(uint64_t r, const ByteView& fixedUp);
 
   uint64_t Number() const { return number_; }
-  ByteView Bytes() const { return ByteView(rec_, size_); }
+  ByteView Bytes() const { return bytes_; }
   uint16_t Sequence() const { return Bytes().le16(ntfs::Record::kSequence); }
   uint16_t Flags() const { return Bytes().le16(ntfs::Record::kFlags); }
   bool IsDirectory() const { return (Flags() & ntfs::Record::kDirectory) != 0; }
@@ -218,6 +224,7 @@ class CFileNtfs : public api::base_noncopyable {
   uint64_t number_ = 0;
   uint32_t size_ = 0;
   uint8_t* rec_ = nullptr;   // the base record
+  ByteView bytes_;           // the base record: rec_, or where OpenInPlace found it
   uint8_t* ext_ = nullptr;   // the extension record the cursor is in
   uint8_t* work_ = nullptr;  // extension records read while gathering runs
   bool hasList_ = false;
@@ -293,7 +300,7 @@ class CDirNtfs {
 // costs only the records in it.
 class CNtfsMftReader : public api::base_noncopyable {
  public:
-  static constexpr uint32_t kPieceBytes = 1u << 20;
+  static constexpr uint32_t kPieceBytes = 1u << 18;
 
   explicit CNtfsMftReader(CFileSystemNtfs* fs) : fs_(fs) {}
   ~CNtfsMftReader();
