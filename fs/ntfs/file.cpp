@@ -85,16 +85,6 @@ api::status_t CFileNtfs::Open(uint64_t r, const ByteView& fixedUp) {
   return api::QORV_OK;
 }
 
-api::status_t CFileNtfs::OpenInPlace(uint64_t r, const ByteView& fixedUp) {
-  QORV_TRY(Buffers());
-  if (fixedUp.Size() != size_) return api::ERR_INCONSISTENT;
-  number_ = r;
-  bytes_ = fixedUp;
-  hasList_ = listLoaded_ = false;
-  listBytes_ = 0;
-  return api::QORV_OK;
-}
-
 api::status_t CFileNtfs::Open(uint64_t r) {
   ByteView v;
   QORV_TRY(fs_->ReadRecord(r, &v));

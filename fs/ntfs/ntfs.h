@@ -129,14 +129,30 @@ struct NtfsAttr {
   bool DisplayName(char* out, size_t cap) const;
 };
 
+// What a walk needs to pass over an attribute: its type, where it starts
+// in the record, its form and name, the first VCN of a non-resident one.
+struct NtfsAttrHead {
+  uint32_t type = 0;
+  uint32_t at = 0;
+  bool nonResident = false;
+  uint64_t lowestVcn = 0;
+  ByteView name;  // UTF-16LE
+  bool NameIs(const char* ascii) const;
+};
+
 // Walks the attributes of one fixed-up MFT record, every length and offset
 // checked against the record's bytes in use.
 class CNtfsAttrIter {
  public:
   explicit CNtfsAttrIter(const ByteView& record);
+  // Starts at the attribute `at` bytes into the record (one Skim found).
+  CNtfsAttrIter(const ByteView& record, uint32_t at) : CNtfsAttrIter(record) { pos_ = at; }
   // QORV_OK with the next attribute, ERR_END_OF_DIR after the last one,
   // ERR_INCONSISTENT for a malformed one (the walk ends there).
   api::status_t Next(NtfsAttr* out);
+  // The same walk with the same checks and statuses, giving only the head:
+  // for a pass over every attribute of every record that acts on few.
+  api::status_t Skim(NtfsAttrHead* out);
 
  private:
   ByteView rec_;
@@ -183,7 +199,18 @@ class CFileNtfs : public api::base_noncopyable {
   // attributes itself and keeps the bytes in place meanwhile. Reading other
   // records could overwrite them, so a record with a list is opened with
   // Open instead.
-  api::status_t OpenInPlace(uint64_t r, const ByteView& fixedUp);
+  api::status_t OpenInPlace(uint64_t r, const ByteView& fixedUp) {
+    if (!(rec_ && ext_ && work_)) {
+      api::status_t s = Buffers();
+      if (s != api::QORV_OK) return s;
+    }
+    if (fixedUp.Size() != size_) return api::ERR_INCONSISTENT;
+    number_ = r;
+    bytes_ = fixedUp;
+    hasList_ = listLoaded_ = false;
+    listBytes_ = 0;
+    return api::QORV_OK;
+  }
 
   uint64_t Number() const { return number_; }
   ByteView Bytes() const { return bytes_; }

@@ -101,13 +101,14 @@ class NtfsScan {
   CDirNtfs dir_;     // the $Extend directory being enumerated
   uint32_t tally_ = 0;
   bool verbose_;
-  NtfsAttr kept_[kKeptAttrs];
+  uint32_t kept_[kKeptAttrs];  // where in the record
 };
 
 // Whether the record walk marks this attribute's runs: the first extent of
 // a non-resident attribute, not $BadClus:$Bad (it spans the volume), and
 // beyond the system files only structure unless file contents are wanted.
-bool Marked(uint64_t r, const NtfsAttr& a, bool data) {
+template <class A>
+bool Marked(uint64_t r, const A& a, bool data) {
   if (!a.nonResident || a.lowestVcn != 0) return false;
   if (r == kBadClusRecord && a.type == kData && a.NameIs("$Bad")) return false;
   return data || r < kFirstUserRecord || (a.type != kData && a.type < kFirstUserType);
@@ -161,30 +162,36 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
   // An extension record's attributes are reached through its base record.
   if (file.BaseReference() != 0) return api::QORV_OK;
 
-  // One pass over the record finds its attribute list, if it has one, and
-  // keeps the few attributes the walk acts on. Without a list (nearly every
-  // record) they are all there is to do, so the record is parsed once.
+  // One pass over the record's attribute headers finds its attribute list,
+  // if it has one, and where the few attributes are that the walk acts on.
+  // Without a list (nearly every record) only those are parsed in full.
   Walk w;
   size_t kept = 0;
   bool overflow = false, listed = false;
   CNtfsAttrIter it(file.Bytes());
-  NtfsAttr a;
+  NtfsAttrHead head;
   api::status_t s;
-  while ((s = it.Next(&a)) == api::QORV_OK) {
-    if (a.type == kAttrList) {
+  while ((s = it.Skim(&head)) == api::QORV_OK) {
+    if (head.type == kAttrList) {
       listed = true;
       break;
     }
-    if (!(a.type == kFileName && verbose_) && !Marked(r, a, data)) continue;
-    if (!a.nonResident || a.lowestVcn == 0) {
+    if (!(head.type == kFileName && verbose_) && !Marked(r, head, data)) continue;
+    if (!head.nonResident || head.lowestVcn == 0) {
       if (kept < kKeptAttrs)
-        kept_[kept++] = a;
+        kept_[kept++] = head.at;
       else
         overflow = true;
     }
   }
   if (!listed && !overflow) {
-    for (size_t i = 0; i < kept; ++i) QORV_TRY(Attribute(file, r, kept_[i], data, w));
+    for (size_t i = 0; i < kept; ++i) {
+      NtfsAttr a;
+      CNtfsAttrIter one(file.Bytes(), kept_[i]);
+      // It was skimmed above, so it parses.
+      if (one.Next(&a) != api::QORV_OK) return api::ERR_INCONSISTENT;
+      QORV_TRY(Attribute(file, r, a, data, w));
+    }
     if (s != api::ERR_END_OF_DIR) {
       fs_->Problem("record 0x%llx: an attribute's length or offsets run past the record", (unsigned long long)r);
       ++tally_;
@@ -202,6 +209,7 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
       return loaded;
     }
   }
+  NtfsAttr a;
   for (s = file.FirstAttr(&a, true); s == api::QORV_OK; s = file.NextAttr(&a)) QORV_TRY(Attribute(file, r, a, data, w));
   if (s != api::ERR_END_OF_DIR) {
     // An attribute the list names could not be found, or one runs past the
