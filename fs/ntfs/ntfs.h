@@ -327,7 +327,7 @@ class CDirNtfs {
 // costs only the records in it.
 class CNtfsMftReader : public api::base_noncopyable {
  public:
-  static constexpr uint32_t kPieceBytes = 1u << 18;
+  static constexpr uint32_t kPieceBytes = 1u << 20;
 
   explicit CNtfsMftReader(CFileSystemNtfs* fs) : fs_(fs) {}
   ~CNtfsMftReader();
