@@ -56,12 +56,12 @@ CFileNtfs::~CFileNtfs() {
 }
 
 api::status_t CFileNtfs::Buffers() {
-  if (rec_) return api::QORV_OK;
+  if (rec_ && ext_ && work_) return api::QORV_OK;
   size_ = fs_->Geometry().recordSize;
   api::IBaseMemoryManager* mem = fs_->Env()->mem;
-  rec_ = static_cast<uint8_t*>(mem->Allocate(size_, 0));
-  ext_ = static_cast<uint8_t*>(mem->Allocate(size_, 0));
-  work_ = static_cast<uint8_t*>(mem->Allocate(size_, 0));
+  // What a failed attempt did get is kept for the next one.
+  for (uint8_t** p : {&rec_, &ext_, &work_})
+    if (!*p) *p = static_cast<uint8_t*>(mem->Allocate(size_, 0));
   return rec_ && ext_ && work_ ? api::QORV_OK : api::ERR_NO_MEMORY;
 }
 
@@ -70,6 +70,7 @@ api::status_t CFileNtfs::Open(uint64_t r, const ByteView& fixedUp) {
   if (fixedUp.Size() != size_) return api::ERR_INCONSISTENT;
   std::memcpy(rec_, fixedUp.Data(), size_);
   number_ = r;
+  bytes_ = ByteView(rec_, size_);
   hasList_ = listLoaded_ = false;
   listBytes_ = 0;
   CNtfsAttrIter it(Bytes());

@@ -139,13 +139,16 @@ api::status_t CNtfsMarkingDevice::ReadBytes(uint64_t offset, void* buffer, uint3
 
 // ---- Attributes ------------------------------------------------------------
 
-bool NtfsAttr::NameIs(const char* ascii) const {
+static bool NameIs(const ByteView& name, const char* ascii) {
   size_t n = std::strlen(ascii);
   if (name.Size() != n * 2) return false;
   for (size_t i = 0; i < n; ++i)
     if (name.le16(i * 2) != uint8_t(ascii[i])) return false;
   return true;
 }
+
+bool NtfsAttr::NameIs(const char* ascii) const { return QORV::NameIs(name, ascii); }
+bool NtfsAttrHead::NameIs(const char* ascii) const { return QORV::NameIs(name, ascii); }
 
 void NtfsAttrKey::Set(const NtfsAttr& a) {
   type = a.type;
@@ -162,7 +165,7 @@ CNtfsAttrIter::CNtfsAttrIter(const ByteView& record) : rec_(record) {
   end_ = std::min<size_t>(record.le32(Record::kBytesInUse), record.Size());
 }
 
-api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
+api::status_t CNtfsAttrIter::Skim(NtfsAttrHead* out) {
   if (done_) return api::ERR_END_OF_DIR;
   if (!rec_.Has(pos_, 4) || pos_ + 4 > end_) {
     done_ = true;
@@ -179,28 +182,24 @@ api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
     return api::ERR_INCONSISTENT;
   }
   ByteView a = rec_.Sub(pos_, length);
-  *out = NtfsAttr();
-  out->raw = a;
   out->type = type;
+  out->at = uint32_t(pos_);
   out->nonResident = a.u8(Attr::kNonResident) != 0;
-  out->flags = a.le16(Attr::kFlags);
-  out->id = a.le16(Attr::kId);
-  uint32_t nameLength = a.u8(Attr::kNameLength), nameOffset = a.le16(Attr::kNameOffset);
+  out->lowestVcn = 0;
+  out->name = ByteView();
+  uint32_t nameLength = a.u8(Attr::kNameLength);
   if (nameLength) {
-    out->name = a.Sub(nameOffset, size_t(nameLength) * 2);
+    out->name = a.Sub(a.le16(Attr::kNameOffset), size_t(nameLength) * 2);
     if (!out->name.Data()) {
       done_ = true;
       return api::ERR_INCONSISTENT;
     }
   }
   if (!out->nonResident) {
-    uint32_t valueLength = a.le32(Attr::kValueLength), valueOffset = a.le16(Attr::kValueOffset);
-    if (!a.Has(valueOffset, valueLength)) {
+    if (!a.Has(a.le16(Attr::kValueOffset), a.le32(Attr::kValueLength))) {
       done_ = true;
       return api::ERR_INCONSISTENT;
     }
-    out->value = a.Sub(valueOffset, valueLength);
-    out->valueOffset = valueOffset;
   } else {
     uint32_t pairs = a.le16(Attr::kPairsOffset);
     if (length < Attr::kNonResidentHeader || pairs < Attr::kNonResidentHeader || pairs > length) {
@@ -208,13 +207,35 @@ api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
       return api::ERR_INCONSISTENT;
     }
     out->lowestVcn = a.le64(Attr::kLowestVcn);
+  }
+  pos_ += length;
+  return api::QORV_OK;
+}
+
+api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
+  NtfsAttrHead head;
+  QORV_TRY(Skim(&head));
+  // Skim checked every offset and length used here.
+  ByteView a = rec_.Sub(head.at, rec_.le32(head.at + Attr::kLength));
+  *out = NtfsAttr();
+  out->raw = a;
+  out->type = head.type;
+  out->nonResident = head.nonResident;
+  out->flags = a.le16(Attr::kFlags);
+  out->id = a.le16(Attr::kId);
+  out->name = head.name;
+  if (!out->nonResident) {
+    out->valueOffset = a.le16(Attr::kValueOffset);
+    out->value = a.Sub(out->valueOffset, a.le32(Attr::kValueLength));
+  } else {
+    uint32_t pairs = a.le16(Attr::kPairsOffset);
+    out->lowestVcn = head.lowestVcn;
     out->highestVcn = a.le64(Attr::kHighestVcn);
     out->allocatedSize = a.le64(Attr::kAllocatedSize);
     out->dataSize = a.le64(Attr::kDataSize);
     out->initializedSize = a.le64(Attr::kInitializedSize);
-    out->pairs = a.Sub(pairs, length - pairs);
+    out->pairs = a.Sub(pairs, a.Size() - pairs);
   }
-  pos_ += length;
   return api::QORV_OK;
 }
 

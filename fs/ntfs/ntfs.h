@@ -129,14 +129,30 @@ struct NtfsAttr {
   bool DisplayName(char* out, size_t cap) const;
 };
 
+// What a walk needs to pass over an attribute: its type, where it starts
+// in the record, its form and name, the first VCN of a non-resident one.
+struct NtfsAttrHead {
+  uint32_t type = 0;
+  uint32_t at = 0;
+  bool nonResident = false;
+  uint64_t lowestVcn = 0;
+  ByteView name;  // UTF-16LE
+  bool NameIs(const char* ascii) const;
+};
+
 // Walks the attributes of one fixed-up MFT record, every length and offset
 // checked against the record's bytes in use.
 class CNtfsAttrIter {
  public:
   explicit CNtfsAttrIter(const ByteView& record);
+  // Starts at the attribute `at` bytes into the record (one Skim found).
+  CNtfsAttrIter(const ByteView& record, uint32_t at) : CNtfsAttrIter(record) { pos_ = at; }
   // QORV_OK with the next attribute, ERR_END_OF_DIR after the last one,
   // ERR_INCONSISTENT for a malformed one (the walk ends there).
   api::status_t Next(NtfsAttr* out);
+  // The same walk with the same checks and statuses, giving only the head:
+  // for a pass over every attribute of every record that acts on few.
+  api::status_t Skim(NtfsAttrHead* out);
 
  private:
   ByteView rec_;
@@ -178,9 +194,26 @@ class CFileNtfs : public api::base_noncopyable {
   // Opens record r from bytes already read and fixed up, or reads it.
   api::status_t Open(uint64_t r, const ByteView& fixedUp);
   api::status_t Open(uint64_t r);
+  // Takes record r where it lies, without a copy and without looking for an
+  // attribute list (HasList stays false): for a caller that walks the
+  // attributes itself and keeps the bytes in place meanwhile. Reading other
+  // records could overwrite them, so a record with a list is opened with
+  // Open instead.
+  api::status_t OpenInPlace(uint64_t r, const ByteView& fixedUp) {
+    if (!(rec_ && ext_ && work_)) {
+      api::status_t s = Buffers();
+      if (s != api::QORV_OK) return s;
+    }
+    if (fixedUp.Size() != size_) return api::ERR_INCONSISTENT;
+    number_ = r;
+    bytes_ = fixedUp;
+    hasList_ = listLoaded_ = false;
+    listBytes_ = 0;
+    return api::QORV_OK;
+  }
 
   uint64_t Number() const { return number_; }
-  ByteView Bytes() const { return ByteView(rec_, size_); }
+  ByteView Bytes() const { return bytes_; }
   uint16_t Sequence() const { return Bytes().le16(ntfs::Record::kSequence); }
   uint16_t Flags() const { return Bytes().le16(ntfs::Record::kFlags); }
   bool IsDirectory() const { return (Flags() & ntfs::Record::kDirectory) != 0; }
@@ -218,6 +251,7 @@ class CFileNtfs : public api::base_noncopyable {
   uint64_t number_ = 0;
   uint32_t size_ = 0;
   uint8_t* rec_ = nullptr;   // the base record
+  ByteView bytes_;           // the base record: rec_, or where OpenInPlace found it
   uint8_t* ext_ = nullptr;   // the extension record the cursor is in
   uint8_t* work_ = nullptr;  // extension records read while gathering runs
   bool hasList_ = false;

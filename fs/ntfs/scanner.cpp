@@ -71,13 +71,25 @@ class RunMarker : public INtfsRunSink {
 class NtfsScan {
  public:
   NtfsScan(CScanSession& session, CFileSystemNtfs* fs, bool includeData)
-      : session_(session), msg_(session.Msg()), fs_(fs), data_(includeData), file_(fs), child_(fs), dir_(fs) {}
+      : session_(session),
+        msg_(session.Msg()),
+        fs_(fs),
+        data_(includeData),
+        file_(fs),
+        child_(fs),
+        dir_(fs),
+        verbose_(msg_ && session.Env()->verbose) {}
 
   api::status_t Run();
 
  private:
   class ExtendSink;
+  struct Walk;
+  // Attributes a record walk acts on, kept from its one pass; a record with
+  // more is walked a second time.
+  static constexpr size_t kKeptAttrs = 16;
   api::status_t Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec, bool data);
+  api::status_t Attribute(CFileNtfs& file, uint64_t r, const NtfsAttr& a, bool data, Walk& w);
   api::status_t WalkExtend(uint32_t* counter);
 
   CScanSession& session_;
@@ -88,11 +100,59 @@ class NtfsScan {
   CFileNtfs child_;  // a $Extend child
   CDirNtfs dir_;     // the $Extend directory being enumerated
   uint32_t tally_ = 0;
+  bool verbose_;
+  uint32_t kept_[kKeptAttrs];  // where in the record
 };
+
+// Whether the record walk marks this attribute's runs: the first extent of
+// a non-resident attribute, not $BadClus:$Bad (it spans the volume), and
+// beyond the system files only structure unless file contents are wanted.
+template <class A>
+bool Marked(uint64_t r, const A& a, bool data) {
+  if (!a.nonResident || a.lowestVcn != 0) return false;
+  if (r == kBadClusRecord && a.type == kData && a.NameIs("$Bad")) return false;
+  return data || r < kFirstUserRecord || (a.type != kData && a.type < kFirstUserType);
+}
+
+// What the walk of one record remembers between attributes.
+struct NtfsScan::Walk {
+  char name[768];
+  bool named = false;
+};
+
+// One attribute of the record walk: the display name is remembered, a marked
+// attribute's runs are marked. A failure ends the record's walk.
+api::status_t NtfsScan::Attribute(CFileNtfs& file, uint64_t r, const NtfsAttr& a, bool data, Walk& w) {
+  // The name is only ever traced, so it is only decoded for a verbose run.
+  if (a.type == kFileName && !w.named && verbose_) w.named = a.DisplayName(w.name, sizeof w.name);
+  if (!Marked(r, a, data)) return api::QORV_OK;
+  // A verbose trace: on a volume of many files it would flood a log.
+  if (w.named) msg_->Trace(2, "Include file r=%s, \"%s\", %x.", Hex(r).text, w.name, a.type);
+  RunMarker marker(session_, r, a.type);
+  api::status_t loaded;
+  if (file.HasList()) {
+    NtfsAttrKey key;
+    key.Set(a);
+    loaded = file.ForEachRun(key, &marker);
+  } else {
+    loaded = file.ForEachRun(a, &marker);
+  }
+  if (loaded != api::QORV_OK) {
+    if (msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", a.type, Hex(r).text);
+    session_.Problem("NTFS record 0x%s: the run list of attribute 0x%x cannot be loaded (status 0x%x)", Hex(r).text,
+                     a.type, loaded);
+    ++tally_;
+    return loaded;
+  }
+  tally_ += marker.Counted();
+  return api::QORV_OK;
+}
 
 api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec, bool data) {
   if (readStatus == kNtfsBlankUnit) return api::QORV_OK;
-  if (readStatus == api::QORV_OK) readStatus = file.Open(r, rec);
+  // The record is walked where it lies; only one with an attribute list is
+  // copied (Open), as resolving the list reads other records.
+  if (readStatus == api::QORV_OK) readStatus = file.OpenInPlace(r, rec);
   if (readStatus != api::QORV_OK) {
     if (msg_) msg_->Trace(1, "Failed to init record 0x%s.", Hex(r).text);
     session_.Problem("NTFS record 0x%s cannot be read or fails its fix-up (status 0x%x)", Hex(r).text, readStatus);
@@ -101,43 +161,56 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
   }
   // An extension record's attributes are reached through its base record.
   if (file.BaseReference() != 0) return api::QORV_OK;
-  if (file.HasList()) {
-    api::status_t s = file.LoadList();
-    if (s != api::QORV_OK) {
-      if (msg_) msg_->Trace(1, "Failed to load attribute list for record 0x%s.", Hex(r).text);
-      session_.Problem("NTFS record 0x%s: its attribute list cannot be loaded (status 0x%x)", Hex(r).text, s);
-      ++tally_;
-      return s;
+
+  // One pass over the record's attribute headers finds its attribute list,
+  // if it has one, and where the few attributes are that the walk acts on.
+  // Without a list (nearly every record) only those are parsed in full.
+  Walk w;
+  size_t kept = 0;
+  bool overflow = false, listed = false;
+  CNtfsAttrIter it(file.Bytes());
+  NtfsAttrHead head;
+  api::status_t s;
+  while ((s = it.Skim(&head)) == api::QORV_OK) {
+    if (head.type == kAttrList) {
+      listed = true;
+      break;
+    }
+    if (!(head.type == kFileName && verbose_) && !Marked(r, head, data)) continue;
+    if (!head.nonResident || head.lowestVcn == 0) {
+      if (kept < kKeptAttrs)
+        kept_[kept++] = head.at;
+      else
+        overflow = true;
     }
   }
+  if (!listed && !overflow) {
+    for (size_t i = 0; i < kept; ++i) {
+      NtfsAttr a;
+      CNtfsAttrIter one(file.Bytes(), kept_[i]);
+      // It was skimmed above, so it parses.
+      if (one.Next(&a) != api::QORV_OK) return api::ERR_INCONSISTENT;
+      QORV_TRY(Attribute(file, r, a, data, w));
+    }
+    if (s != api::ERR_END_OF_DIR) {
+      fs_->Problem("record 0x%llx: an attribute's length or offsets run past the record", (unsigned long long)r);
+      ++tally_;
+    }
+    return s == api::ERR_END_OF_DIR ? api::QORV_OK : s;
+  }
 
-  char name[768];
-  const bool verbose = msg_ && session_.Env()->verbose;
-  bool named = false;
-  NtfsAttr a;
-  api::status_t s;
-  for (s = file.FirstAttr(&a, true); s == api::QORV_OK; s = file.NextAttr(&a)) {
-    // The name is only ever traced, so it is only decoded for a verbose run.
-    if (a.type == kFileName && !named && verbose) named = a.DisplayName(name, sizeof name);
-    if (!a.nonResident || a.lowestVcn != 0) continue;
-    if (r == kBadClusRecord && a.type == kData && a.NameIs("$Bad")) continue;
-    if (!data && r >= kFirstUserRecord && (a.type == kData || a.type >= kFirstUserType)) continue;
-    // A verbose trace: on a volume of many files it would flood a log.
-    if (named)
-      msg_->Trace(2, "Include file r=%s, \"%s\", %x.", Hex(r).text, name, a.type);
-    RunMarker marker(session_, r, a.type);
-    NtfsAttrKey key;
-    key.Set(a);
-    api::status_t loaded = file.HasList() ? file.ForEachRun(key, &marker) : file.ForEachRun(a, &marker);
+  if (listed) {
+    QORV_TRY(file.Open(r, rec));
+    api::status_t loaded = file.LoadList();
     if (loaded != api::QORV_OK) {
-      if (msg_) msg_->Trace(1, "Failed to init attribute %x in file 0x%s.", a.type, Hex(r).text);
-      session_.Problem("NTFS record 0x%s: the run list of attribute 0x%x cannot be loaded (status 0x%x)", Hex(r).text,
-                       a.type, loaded);
+      if (msg_) msg_->Trace(1, "Failed to load attribute list for record 0x%s.", Hex(r).text);
+      session_.Problem("NTFS record 0x%s: its attribute list cannot be loaded (status 0x%x)", Hex(r).text, loaded);
       ++tally_;
       return loaded;
     }
-    tally_ += marker.Counted();
   }
+  NtfsAttr a;
+  for (s = file.FirstAttr(&a, true); s == api::QORV_OK; s = file.NextAttr(&a)) QORV_TRY(Attribute(file, r, a, data, w));
   if (s != api::ERR_END_OF_DIR) {
     // An attribute the list names could not be found, or one runs past the
     // record; the reason was given where it was found.
