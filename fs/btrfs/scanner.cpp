@@ -1,8 +1,9 @@
 // Btrfs scan: the primary superblock, then every node of the chunk tree,
 // the root tree with every tree its root items point to, and the log root
 // tree with the log trees. Leaves are kept as nodes; the file data they
-// describe never is. Every copy of a node on this device is kept (DUP and
-// mirrored metadata), the first copy that reads and checks is parsed.
+// describe never is. Of a node's copies on this device (DUP and mirrored
+// metadata) the first is kept, and the next ones only up to the first that
+// reads and checks, which is the one parsed.
 #include <new>
 
 #include "core/scan/session.h"
@@ -91,12 +92,18 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
     session_.Problem("%s: node 0x%llx (level %u) %s", tree_, (unsigned long long)logical, level, why);
     return api::QORV_OK;
   }
-  // Kept before the read, so an unreadable node is still in the image.
-  for (uint32_t i = 0; i < count; ++i) session_.Mark(copies[i] >> shift, sectors, "btrfs tree node");
+  // One copy is enough for a restored volume; a later one is kept only
+  // while the ones before it fail, so that a volume whose first copy is
+  // damaged restores with the copy that reads. Each is kept before its
+  // read, so an unreadable node is still in the image.
   CBtrFsNode node;
   const char* why = "";
-  status_t s = fs_.ReadNode(logical, level, copies, count, &node, &why);
-  if (s == api::ERR_DEVICE_GONE) return s;
+  status_t s = api::ERR_INCONSISTENT;
+  for (uint32_t i = 0; i < count && s != api::QORV_OK; ++i) {
+    session_.Mark(copies[i] >> shift, sectors, "btrfs tree node");
+    s = fs_.ReadNode(logical, level, copies[i], &node, &why);
+    if (s == api::ERR_DEVICE_GONE) return s;
+  }
   if (s != api::QORV_OK) {
     session_.Problem("%s: node 0x%llx (level %u) at 0x%llx: %s", tree_, (unsigned long long)logical, level,
                      (unsigned long long)copies[0], why);
