@@ -37,7 +37,7 @@ struct Crc32cSlices {
 };
 
 #ifdef QORV_CRC32C_X86
-// The CPU's own CRC-32C instruction, about three times the table loop.
+// The CPU's own CRC-32C instruction: two to three times the table loop.
 __attribute__((target("sse4.2"))) uint32_t Crc32cSse42(uint32_t crc, const uint8_t* p, size_t size) {
   for (; size > 0 && (reinterpret_cast<uintptr_t>(p) & 7); --size) crc = _mm_crc32_u8(crc, *p++);
 #ifdef __x86_64__
@@ -67,18 +67,10 @@ bool HasSse42() {
 
 }  // namespace
 
-bool Crc32cAccelerated() {
-#ifdef QORV_CRC32C_X86
-  static const bool fast = HasSse42();
-  return fast;
-#else
-  return false;
-#endif
-}
-
 uint32_t Crc32c(uint32_t crc, const void* data, size_t size) {
 #ifdef QORV_CRC32C_X86
-  if (Crc32cAccelerated()) return Crc32cSse42(crc, static_cast<const uint8_t*>(data), size);
+  static const bool fast = HasSse42();
+  if (fast) return Crc32cSse42(crc, static_cast<const uint8_t*>(data), size);
 #endif
   return Crc32cPortable(crc, data, size);
 }

@@ -12,7 +12,6 @@ namespace QORV {
 // otherwise the portable table loop, which gives the same values.
 uint32_t Crc32c(uint32_t crc, const void* data, size_t size);
 uint32_t Crc32cPortable(uint32_t crc, const void* data, size_t size);
-bool Crc32cAccelerated();
 // CRC-16 (reflected polynomial 0xA001), no inversion.
 uint16_t Crc16(uint16_t crc, const void* data, size_t size);
 
