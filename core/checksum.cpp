@@ -1,5 +1,12 @@
 #include "core/checksum.h"
 
+#include <cstring>
+
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
+#define QORV_CRC32C_X86 1
+#include <nmmintrin.h>
+#endif
+
 namespace QORV {
 
 namespace {
@@ -17,8 +24,8 @@ struct ReflectedTable {
 };
 
 // Eight bytes per step ("slicing by 8"): table k gives the effect of a byte
-// followed by k zero bytes. Tree nodes are checksummed whole, so this is
-// where a Btrfs scan spends most of its time.
+// followed by k zero bytes. Tree nodes are checksummed whole, so without the
+// CPU's instruction this is where a Btrfs scan spends most of its time.
 struct Crc32cSlices {
   uint32_t t[8][256];
   Crc32cSlices() {
@@ -29,9 +36,46 @@ struct Crc32cSlices {
   }
 };
 
+#ifdef QORV_CRC32C_X86
+// The CPU's own CRC-32C instruction: two to three times the table loop.
+__attribute__((target("sse4.2"))) uint32_t Crc32cSse42(uint32_t crc, const uint8_t* p, size_t size) {
+  for (; size > 0 && (reinterpret_cast<uintptr_t>(p) & 7); --size) crc = _mm_crc32_u8(crc, *p++);
+#ifdef __x86_64__
+  uint64_t c = crc;
+  for (; size >= 8; size -= 8, p += 8) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    c = _mm_crc32_u64(c, v);
+  }
+  crc = uint32_t(c);
+#else
+  for (; size >= 4; size -= 4, p += 4) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    crc = _mm_crc32_u32(crc, v);
+  }
+#endif
+  for (; size > 0; --size) crc = _mm_crc32_u8(crc, *p++);
+  return crc;
+}
+
+bool HasSse42() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("sse4.2");
+}
+#endif
+
 }  // namespace
 
 uint32_t Crc32c(uint32_t crc, const void* data, size_t size) {
+#ifdef QORV_CRC32C_X86
+  static const bool fast = HasSse42();
+  if (fast) return Crc32cSse42(crc, static_cast<const uint8_t*>(data), size);
+#endif
+  return Crc32cPortable(crc, data, size);
+}
+
+uint32_t Crc32cPortable(uint32_t crc, const void* data, size_t size) {
   static const Crc32cSlices s;
   const auto* p = static_cast<const uint8_t*>(data);
   for (; size >= 8; size -= 8, p += 8) {

@@ -46,6 +46,9 @@ class CRWBlockMemMdSnap : public api::CRWBlockA {
   int32_t GetDeviceNumber() override {
     return lower_ ? lower_->GetDeviceNumber() : int32_t(api::ERR_IO_RANGE);
   }
+  void WillNeed(uint64_t offset, uint64_t count) override {
+    if (lower_) lower_->WillNeed(offset, count);
+  }
 
   // Frees every kept sector; later reads come from the wrapped device again.
   void Empty();

@@ -33,6 +33,12 @@ class IDeviceRWBlock : public base_noncopyable {
   virtual status_t Flush(uint32_t flags) = 0;
   virtual status_t IoControl(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t e, uint32_t f) = 0;
   virtual int32_t GetDeviceNumber() = 0;
+  // A hint that these bytes will be read soon, so the system can start
+  // fetching them; devices without such a notion ignore it.
+  virtual void WillNeed(uint64_t offset, uint64_t count) {
+    (void)offset;
+    (void)count;
+  }
   virtual ~IDeviceRWBlock() = default;
 };
 

@@ -31,6 +31,7 @@ class CWatchedDevice : public api::CRWBlockA {
     return lower_->IoControl(a, b, c, d, e, f);
   }
   int32_t GetDeviceNumber() override { return lower_->GetDeviceNumber(); }
+  void WillNeed(uint64_t offset, uint64_t count) override { lower_->WillNeed(offset, count); }
 
  private:
   api::status_t Note(api::status_t s) {

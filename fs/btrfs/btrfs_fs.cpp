@@ -299,34 +299,26 @@ status_t CBtrFsFileSystem::Mount() {
   return api::QORV_OK;
 }
 
-status_t CBtrFsFileSystem::ReadNode(uint64_t logical, uint32_t level, const uint64_t* copies, uint32_t count,
-                                    CBtrFsNode* out, const char** why) {
-  status_t last = api::ERR_INCONSISTENT;
-  *why = "no copy";
-  for (uint32_t i = 0; i < count; ++i) {
-    ByteView view;
-    const uint64_t rejectedBefore = reader_.Stats().rejected;
-    last = reader_.Read(copies[i], &view);
-    if (last != api::QORV_OK) {
-      *why = reader_.Stats().rejected != rejectedBefore ? check_.why : "read failed";
-      if (last == api::ERR_DEVICE_GONE) return last;
-      continue;
-    }
-    if (view.le64(hdr::kBytenr) != logical) {
-      *why = "node header names another address";
-      last = api::ERR_INCONSISTENT;
-      continue;
-    }
-    if (view.u8(hdr::kLevel) != level) {
-      *why = "node level differs from what its parent says";
-      last = api::ERR_INCONSISTENT;
-      continue;
-    }
-    last = out->Parse(view);
-    if (last == api::QORV_OK) return last;
-    *why = out->Why();
+status_t CBtrFsFileSystem::ReadNode(uint64_t logical, uint32_t level, uint64_t physical, CBtrFsNode* out,
+                                    const char** why) {
+  ByteView view;
+  const uint64_t rejectedBefore = reader_.Stats().rejected;
+  status_t s = reader_.Read(physical, &view);
+  if (s != api::QORV_OK) {
+    *why = reader_.Stats().rejected != rejectedBefore ? check_.why : "read failed";
+    return s;
   }
-  return last;
+  if (view.le64(hdr::kBytenr) != logical) {
+    *why = "node header names another address";
+    return api::ERR_INCONSISTENT;
+  }
+  if (view.u8(hdr::kLevel) != level) {
+    *why = "node level differs from what its parent says";
+    return api::ERR_INCONSISTENT;
+  }
+  s = out->Parse(view);
+  if (s != api::QORV_OK) *why = out->Why();
+  return s;
 }
 
 }  // namespace Btrfs

@@ -122,11 +122,10 @@ class CBtrFsFileSystem : public CUnixFileSystem {
   CBtrFsChunkMap& Chunks() { return chunks_; }
   const CBtrFsChunkMap& Chunks() const { return chunks_; }
 
-  // The node at `logical` expected at `level`, read from the first of its
-  // copies that reads and checks. The node stays valid until the next read.
-  // On failure *why says what was wrong.
-  api::status_t ReadNode(uint64_t logical, uint32_t level, const uint64_t* copies, uint32_t count,
-                         CBtrFsNode* out, const char** why);
+  // The node at `logical` expected at `level`, read from the copy at byte
+  // `physical` and checked. The node stays valid until the next read. On
+  // failure *why says what was wrong.
+  api::status_t ReadNode(uint64_t logical, uint32_t level, uint64_t physical, CBtrFsNode* out, const char** why);
   const CBlockReader::Counters& ReadStats() const { return reader_.Stats(); }
 
  private:

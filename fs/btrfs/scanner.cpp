@@ -1,8 +1,10 @@
 // Btrfs scan: the primary superblock, then every node of the chunk tree,
 // the root tree with every tree its root items point to, and the log root
 // tree with the log trees. Leaves are kept as nodes; the file data they
-// describe never is. Every copy of a node on this device is kept (DUP and
-// mirrored metadata), the first copy that reads and checks is parsed.
+// describe never is. Of a node's copies on this device (DUP and mirrored
+// metadata) the first is kept, and the next ones only up to the first that
+// reads and checks, which is the one parsed.
+#include <algorithm>
 #include <new>
 
 #include "core/scan/session.h"
@@ -46,7 +48,12 @@ class CBtrFsScan : public ITreeVisitor {
  private:
   // Walks one tree from its root; the walk's visited set spans all trees.
   status_t WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level);
-  void Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level);
+  // True when the node is new to the walk.
+  bool Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level);
+  // Tells the device which of the children just queued are read next, in
+  // address order, adjacent ones as one range: where the volume is not yet
+  // in memory the system fetches them side by side.
+  void Announce(uint32_t count);
   // Stage lines are detail: only --verbose shows them.
   void Stage(const char* text) {
     if (session_.Msg() && session_.Env()->verbose) session_.Msg()->Trace(2, "%s", text);
@@ -59,15 +66,26 @@ class CBtrFsScan : public ITreeVisitor {
   api::IMessage* trace_;  // node trace for diagnostics; null in normal use
   bool chunkTree_ = false;
   const char* tree_ = "";
+  uint64_t soon_[(kMaxNodeSize - hdr::kBytes) / kpf::kBytes];  // first copies of the children being queued
 };
 
-void CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level) {
+bool CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level) {
   if (logical % sb_.BlockSize()) {
     session_.Problem("%s: node 0x%llx points to 0x%llx, not sector aligned", tree, (unsigned long long)parent,
                      (unsigned long long)logical);
-    return;
+    return false;
   }
-  walk_.Add(logical >> sb_.BlockShift(), level);
+  return walk_.Add(logical >> sb_.BlockShift(), level) == CTreeWalk::Push::kQueued;
+}
+
+void CBtrFsScan::Announce(uint32_t count) {
+  std::sort(soon_, soon_ + count);
+  for (uint32_t i = 0; i < count;) {
+    uint32_t j = i + 1;
+    while (j < count && soon_[j] == soon_[j - 1] + sb_.nodeSize) ++j;
+    session_.Device()->WillNeed(soon_[i], uint64_t(j - i) * sb_.nodeSize);
+    i = j;
+  }
 }
 
 status_t CBtrFsScan::WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level) {
@@ -91,12 +109,18 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
     session_.Problem("%s: node 0x%llx (level %u) %s", tree_, (unsigned long long)logical, level, why);
     return api::QORV_OK;
   }
-  // Kept before the read, so an unreadable node is still in the image.
-  for (uint32_t i = 0; i < count; ++i) session_.Mark(copies[i] >> shift, sectors, "btrfs tree node");
+  // One copy is enough for a restored volume; a later one is kept only
+  // while the ones before it fail, so that a volume whose first copy is
+  // damaged restores with the copy that reads. Each is kept before its
+  // read, so an unreadable node is still in the image.
   CBtrFsNode node;
   const char* why = "";
-  status_t s = fs_.ReadNode(logical, level, copies, count, &node, &why);
-  if (s == api::ERR_DEVICE_GONE) return s;
+  status_t s = api::ERR_INCONSISTENT;
+  for (uint32_t i = 0; i < count && s != api::QORV_OK; ++i) {
+    session_.Mark(copies[i] >> shift, sectors, "btrfs tree node");
+    s = fs_.ReadNode(logical, level, copies[i], &node, &why);
+    if (s == api::ERR_DEVICE_GONE) return s;
+  }
   if (s != api::QORV_OK) {
     session_.Problem("%s: node 0x%llx (level %u) at 0x%llx: %s", tree_, (unsigned long long)logical, level,
                      (unsigned long long)copies[0], why);
@@ -106,16 +130,19 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
     trace_->Trace(2, "\n> Mark block %llx -> lvl = %x, %x items", (unsigned long long)(copies[0] >> shift),
                   node.Level(), node.Items());
   // Children are queued last first, so they are visited in item order.
+  uint32_t soon = 0;
   for (uint32_t i = node.Items(); i-- > 0;) {
     if (node.Level() > 0) {
       const uint64_t child = node.ChildAt(i);
+      uint64_t at[CBtrFsChunkMap::kMaxCopies];
+      if (Queue(tree_, logical, child, node.Level() - 1u) && fs_.Chunks().Copies(child, sb_.nodeSize, at, &miss))
+        soon_[soon++] = at[0];
       if (trace_) {
         uint64_t phys = 0, run = 0;
         fs_.Chunks().Translate(child, &phys, &run);
         trace_->Trace(2, "     -> Next level = %llx (%llx)", (unsigned long long)child,
                       (unsigned long long)(phys / sb_.nodeSize));
       }
-      Queue(tree_, logical, child, node.Level() - 1u);
       continue;
     }
     const CBtrFsNode::Key key = node.KeyAt(i);
@@ -142,6 +169,7 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
     }
     Queue(tree_, logical, item.le64(rootf::kBytenr), rootLevel);
   }
+  Announce(soon);
   return api::QORV_OK;
 }
 

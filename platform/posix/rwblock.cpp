@@ -84,6 +84,10 @@ class CQORV_RWBlock : public CRWBlockA {
   }
   status_t IoControl(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) override { return ERR_NOT_SUPPORTED; }
   int32_t GetDeviceNumber() override { return -1; }
+  void WillNeed(uint64_t offset, uint64_t count) override {
+    if (fd_ >= 0 && InRange(offset, 0) && count <= size_ - offset)
+      ::posix_fadvise(fd_, off_t(offset), off_t(count), POSIX_FADV_WILLNEED);
+  }
 
  private:
   bool InRange(uint64_t offset, uint32_t count) const { return offset <= size_ && count <= size_ - offset; }

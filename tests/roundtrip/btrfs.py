@@ -4,6 +4,7 @@ populated through a loop mount, and judged after the restore by
 what a user sees (names, sizes, modes, owners, times, symbolic links, hard
 links, extended attributes), the subvolume list, and the tree dump."""
 import os
+import re
 import shutil
 import tempfile
 import uuid
@@ -171,7 +172,44 @@ def marker_check(vol, src, dst, contents_kept):
     return problems
 
 
-FS = FileSystem(["btrfs", "check", "--readonly"], [mount_listing, dump_tree], extra=marker_check)
+def super_field(img, name):
+    r = util.run(["btrfs", "inspect-internal", "dump-super", img], check=True)
+    return int(re.search(r"^%s\s+(\d+)" % name, r.out, re.M).group(1))
+
+
+def mirrors(img, logical):
+    """Physical offsets of a node's copies, in the order the chunk lists them."""
+    r = util.run(["btrfs-map-logical", "-l", str(logical), img], check=True)
+    return [int(m) for m in re.findall(r"^mirror \d+ logical \d+ physical (\d+)", r.out, re.M)]
+
+
+def read_at(path, offset, n):
+    with open(path, "rb") as f:
+        f.seek(offset)
+        return f.read(n)
+
+
+def copies_check(vol, src, dst):
+    """Of a node's copies the image holds the first, and the second only where
+    the first is damaged: checked on the roots of the root and chunk trees."""
+    size = super_field(src, "nodesize")
+    problems = []
+    for what in ("root", "chunk_root"):
+        logical = super_field(src, what)
+        for i, at in enumerate(mirrors(src, logical)):
+            kept = i == 0 or (i == 1 and logical == getattr(vol, "bad_first_copy", None))
+            want = read_at(src, at, size) if kept else bytes(size)
+            if read_at(dst, at, size) != want:
+                problems.append("%s node 0x%x: copy %d at 0x%x %s" % (what, logical, i + 1, at,
+                                "differs from the source" if kept else "is not zero in the restored copy"))
+    return problems
+
+
+def extra_checks(vol, src, dst, contents_kept):
+    return marker_check(vol, src, dst, contents_kept) + ([] if contents_kept else copies_check(vol, src, dst))
+
+
+FS = FileSystem(["btrfs", "check", "--readonly"], [mount_listing, dump_tree], extra=extra_checks)
 
 
 # ---------------------------------------------------------------- building
@@ -302,6 +340,29 @@ def log_tree(ctx, name):
                    note="copied while mounted, with a log tree")]
 
 
+def first_copy_bad(ctx, name):
+    """DUP metadata whose root tree root has a damaged first copy: the
+    image must keep the second, and the restored volume read from it."""
+    need_loop()
+
+    def build(img, scratch):
+        make_volume(img, ["-m", "dup"])
+        with mounted(img, read_only=False) as mnt:
+            populate(mnt, scratch, base=False)
+            subvolumes(mnt)
+        first = mirrors(img, super_field(img, "root"))[0]
+        with open(img, "r+b") as f:
+            f.seek(first + 0x200)
+            b = f.read(1)
+            f.seek(first + 0x200)
+            f.write(bytes([b[0] ^ 0xFF]))
+
+    path = _cached(ctx, name, build)
+    vol = Volume(name, "btrfs", path, expect=SPECIALS | SUBVOLUMES)
+    vol.bad_first_copy = super_field(path, "root")
+    return [vol]
+
+
 def big(ctx, name):
     """A directory of 50,000 entries and a chain of 200 directories on 4 KiB
     nodes: the fs tree grows level-2 nodes."""
@@ -338,12 +399,13 @@ RECIPES = {
     "btrfs_csums": lambda ctx, name: sum((recipe(["--csum", c], base=False)(ctx, name + "_" + c)
                                           for c in ("xxhash", "sha256", "blake2")), []),
     "btrfs_log": log_tree,
+    "btrfs_first_copy_bad": first_copy_bad,
     "btrfs_big": big,
 }
 
 GROUPS = {
     "btrfs": ["btrfs_default", "btrfs_n4k", "btrfs_n64k", "btrfs_msingle", "btrfs_mixed", "btrfs_zstd",
-              "btrfs_quota_snapshots", "btrfs_csums", "btrfs_log"],
+              "btrfs_quota_snapshots", "btrfs_csums", "btrfs_log", "btrfs_first_copy_bad"],
     "btrfs_big": ["btrfs_big"],
 }
 
