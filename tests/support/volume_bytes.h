@@ -27,6 +27,15 @@ inline const std::vector<uint8_t>& DataVolume(const std::string& name) {
   return bytes;
 }
 
+// The same volume written into dir, for tests that need a path; empty when
+// it cannot be unpacked.
+inline std::string DataVolumeFile(const TempDir& dir, const std::string& name) {
+  const std::vector<uint8_t>& bytes = DataVolume(name);
+  if (bytes.empty()) return "";
+  WriteFile(dir / (name + ".img"), std::string(bytes.begin(), bytes.end()));
+  return dir / (name + ".img");
+}
+
 // A shared sample volume's bytes; empty when it or zstd is missing.
 inline std::vector<uint8_t> FixtureBytes(const std::string& relative) {
   TempDir dir;
