@@ -39,7 +39,7 @@ peer_bytes=$(btrfs-image -c0 "$vol" - 2>/dev/null | wc -c)
 sectors=$(( $(stat -c %s "$vol") / 4096 ))
 
 rm -f ./*.times
-mine() { run mdsnap_dump sh -c 'exec "$@" > /dev/null' sh "$bin" --dump --silent "$vol"; }
+mine() { run mdsnap_dump "$bin" --dump --silent -f:/dev/null "$vol"; }
 peer() { run btrfs_image sh -c 'exec btrfs-image -c0 "$1" - > /dev/null' sh "$vol"; }
 lower() { run read_bytes dd if="$vol" of=/dev/null bs=2M count="$stored" iflag=count_bytes; }
 rotate mine peer lower

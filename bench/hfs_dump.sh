@@ -32,9 +32,9 @@ content_bytes=$(stored -data -fork)
 rm -f out.mds
 
 rm -f ./*.times
-plain() { run mdsnap_plain sh -c 'exec "$@" > /dev/null' sh "$bin" --dump --silent "$vol"; }
+plain() { run mdsnap_plain "$bin" --dump --silent -f:/dev/null "$vol"; }
 plain_read() { run read_plain dd if="$vol" of=/dev/null bs=2M count="$plain_bytes" iflag=count_bytes; }
-content() { run mdsnap_data_fork sh -c 'exec "$@" > /dev/null' sh "$bin" --dump --silent -data -fork "$vol"; }
+content() { run mdsnap_data_fork "$bin" --dump --silent -f:/dev/null -data -fork "$vol"; }
 content_read() { run read_data_fork dd if="$vol" of=/dev/null bs=2M count="$content_bytes" iflag=count_bytes; }
 rotate plain plain_read content content_read
 table mdsnap_plain read_plain mdsnap_data_fork read_data_fork

@@ -8,6 +8,11 @@ rounds=${ROUNDS:-3}
 [ -x /usr/bin/time ] || { echo "needs /usr/bin/time (apt-get install time)" >&2; exit 1; }
 [ -x "$bin" ] || { echo "no mdsnap binary at $bin" >&2; exit 1; }
 mkdir -p "$dir" && cd "$dir"
+# Every script keeps its timings and outputs under fixed names in $dir: two
+# benches at once in one folder would read each other's files, so the second
+# waits for the first.
+exec 9>"$dir/.bench.lock"
+flock 9
 
 # run NAME COMMAND...: appends "seconds peak_kib" to NAME.times; the output
 # goes to NAME.log and is shown when the command fails. Seconds come from the

@@ -54,7 +54,7 @@ clone_bytes=$(ntfsclone --metadata --save-image -o - "$vol" 2>/dev/null | wc -c)
 clusters=$(( $(stat -c %s "$vol") / 4096 ))
 
 rm -f ./*.times
-mine() { run mdsnap_dump sh -c 'exec "$@" > /dev/null' sh "$bin" --dump --silent "${extra[@]}" "$vol"; }
+mine() { run mdsnap_dump "$bin" --dump --silent -f:/dev/null "${extra[@]}" "$vol"; }
 clone() { run ntfsclone sh -c 'exec ntfsclone --metadata --save-image -o - "$1" > /dev/null' sh "$vol"; }
 lower() { run read_bytes dd if="$vol" of=/dev/null bs=2M count="$stored" iflag=count_bytes; }
 rotate mine clone lower
