@@ -13,6 +13,7 @@ logs=$(mktemp -d)
 scripts=(ext_dump exfat_dump fat32_dump raw_dump big_empty ext_scale)
 [ -f "$here/ntfs_dump.sh" ] && scripts+=(ntfs_dump)
 [ -f "$here/btrfs_dump.sh" ] && scripts+=(btrfs_dump)
+scripts+=(apfs_dump hfs_dump)
 for s in "${scripts[@]}"; do
   echo "== $s" >&2
   if [[ " ${SKIP:-} " == *" $s "* ]]; then
