@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #ifdef __linux__
 #include <linux/fiemap.h>
@@ -74,6 +75,33 @@ int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset) {
     ssize_t n = ::pwrite(fd, buffer, count, off_t(offset));
     if (n >= 0 || errno != EINTR) return n;
   }
+}
+
+int64_t FileReadCachedAt(int fd, void* buffer, size_t count, uint64_t offset, bool* unsupported) {
+  *unsupported = false;
+#ifdef RWF_NOWAIT
+  struct iovec to = {buffer, count};
+  for (;;) {
+    ssize_t n = ::preadv2(fd, &to, 1, off_t(offset), RWF_NOWAIT);
+    if (n >= 0 || errno != EINTR) {
+      if (n < 0 && (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL)) *unsupported = true;
+      return n;
+    }
+  }
+#else
+  (void)fd, (void)buffer, (void)count, (void)offset;
+  *unsupported = true;
+  errno = ENOSYS;
+  return -1;
+#endif
+}
+
+void FilePrefetch(int fd, uint64_t offset, uint64_t count) {
+#ifdef POSIX_FADV_WILLNEED
+  ::posix_fadvise(fd, off_t(offset), off_t(count), POSIX_FADV_WILLNEED);
+#else
+  (void)fd, (void)offset, (void)count;
+#endif
 }
 
 int64_t FileSendAt(int out, int in, size_t count, uint64_t offset, bool* unsupported) {
