@@ -214,7 +214,7 @@ constexpr uint64_t kReadAhead = 32 << 20;
 class ReadAhead {
  public:
   ReadAhead(int fd, uint64_t volumeSize, const uint8_t* bitmap, uint64_t n, uint32_t k, uint64_t maxRun)
-      : fd_(fd), size_(volumeSize), k_(k), runs_(bitmap, n, maxRun) {}
+      : fd_(fd), size_(volumeSize), k_(k), runs_(bitmap, n, maxRun), holes_(fd, volumeSize) {}
   // ReadVolume for the stored bytes at offset, the image's `stored` bytes
   // from its first block on.
   bool Read(uint64_t offset, uint8_t* buf, uint32_t len, uint64_t stored) {
@@ -231,11 +231,18 @@ class ReadAhead {
   }
 
  private:
+  // Holes and never written space are left out: the copy does not read
+  // them, and fetching them would only fill memory with zeros.
   void Fetch(uint64_t stored) {
     uint64_t first, count;
     while (asked_ < stored + kReadAhead && runs_.Next(&first, &count)) {
       uint64_t offset = first << k_, bytes = count << k_;
-      if (asked_ + bytes > stored && offset < size_) FilePrefetch(fd_, offset, bytes);
+      for (uint64_t done = 0; asked_ + bytes > stored && done < bytes && offset + done < size_;) {
+        bool hole;
+        uint64_t span = holes_.Extent(offset + done, bytes - done, &hole);
+        if (!hole) FilePrefetch(fd_, offset + done, span);
+        done += span;
+      }
       asked_ += bytes;
     }
   }
@@ -245,6 +252,7 @@ class ReadAhead {
   uint32_t k_;
   bool cached_ = true;
   QORV::RunWalker runs_;  // a walk of its own, ahead of the copy's
+  VolumeHoles holes_;
   uint64_t asked_ = 0;    // stored bytes of the runs it has passed
 };
 
