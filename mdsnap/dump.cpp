@@ -204,6 +204,58 @@ class VolumeHoles {
 // Shorter holes are read like data: not worth a write of their own.
 constexpr uint64_t kHoleSkipMin = 64 * 1024;
 
+// A copy from a volume whose pages are not in memory would wait for the
+// device on every run in turn. Once a read finds pages missing, the stored
+// runs up to this many bytes ahead are asked for at once, so that the device
+// fetches them while the copy works; while every page is there, reading
+// costs no call more than before.
+constexpr uint64_t kReadAhead = 32 << 20;
+
+class ReadAhead {
+ public:
+  ReadAhead(int fd, uint64_t volumeSize, const uint8_t* bitmap, uint64_t n, uint32_t k, uint64_t maxRun)
+      : fd_(fd), size_(volumeSize), k_(k), runs_(bitmap, n, maxRun), holes_(fd, volumeSize) {}
+  // ReadVolume for the stored bytes at offset, the image's `stored` bytes
+  // from its first block on.
+  bool Read(uint64_t offset, uint8_t* buf, uint32_t len, uint64_t stored) {
+    uint32_t got = 0;
+    if (cached_ && offset <= size_ && len <= size_ - offset) {
+      bool unsupported;
+      int64_t n = FileReadCachedAt(fd_, buf, len, offset, &unsupported);
+      if (unsupported) cached_ = false;
+      if (n == int64_t(len)) return true;
+      if (n > 0) got = uint32_t(n);
+      if (!unsupported) Fetch(stored + got);
+    }
+    return ReadVolume(fd_, size_, offset + got, buf + got, len - got);
+  }
+
+ private:
+  // Holes and never written space are left out: the copy does not read
+  // them, and fetching them would only fill memory with zeros.
+  void Fetch(uint64_t stored) {
+    uint64_t first, count;
+    while (asked_ < stored + kReadAhead && runs_.Next(&first, &count)) {
+      uint64_t offset = first << k_, bytes = count << k_;
+      for (uint64_t done = 0; asked_ + bytes > stored && done < bytes && offset + done < size_;) {
+        bool hole;
+        uint64_t span = holes_.Extent(offset + done, bytes - done, &hole);
+        if (!hole) FilePrefetch(fd_, offset + done, span);
+        done += span;
+      }
+      asked_ += bytes;
+    }
+  }
+
+  int fd_;
+  uint64_t size_;
+  uint32_t k_;
+  bool cached_ = true;
+  QORV::RunWalker runs_;  // a walk of its own, ahead of the copy's
+  VolumeHoles holes_;
+  uint64_t asked_ = 0;    // stored bytes of the runs it has passed
+};
+
 }  // namespace
 
 status_t Dump(RunContext& ctx) {
@@ -303,6 +355,7 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
       return ok;
     };
     VolumeHoles holes(ctx.deviceFd, ctx.volumeSize);
+    ReadAhead volume(ctx.deviceFd, ctx.volumeSize, scan.bitmap, n, k, maxRun);
     QORV::RunWalker runs(scan.bitmap, n, maxRun);
     uint64_t first, count;
     while (status == QORV_OK && runs.Next(&first, &count)) {
@@ -345,7 +398,7 @@ status_t WriteImage(RunContext& ctx, const ScanResult& scan) {
         }
         uint32_t room = kWorkBufferSize - filled;
         uint32_t piece = uint32_t(span < room ? span : room);
-        if (!ReadVolume(ctx.deviceFd, ctx.volumeSize, offset + done, ctx.work + filled, piece)) {
+        if (!volume.Read(offset + done, ctx.work + filled, piece, data)) {
           flush();
           msg->Trace(1, "failed to read device");
           status = ERR_SHORT_IO;

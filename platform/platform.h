@@ -80,6 +80,13 @@ int64_t FileWrite(int fd, const void* buffer, size_t count);
 int64_t FileReadAt(int fd, void* buffer, size_t count, uint64_t offset);
 int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset);
 bool ResizeFile(int fd, uint64_t size);
+// Like FileReadAt, but only what the system already holds in memory: fewer
+// bytes than asked (or -1 with errno EAGAIN) where the rest would have to
+// come from the device. *unsupported when this descriptor cannot read that
+// way (then read as usual).
+int64_t FileReadCachedAt(int fd, void* buffer, size_t count, uint64_t offset, bool* unsupported);
+// A hint: start fetching count bytes at offset into memory.
+void FilePrefetch(int fd, uint64_t offset, uint64_t count);
 // Moves count bytes from offset of in to the current position of out
 // without a copy through the process, where the system can: the count moved
 // (possibly short), or -1 with errno set; *unsupported when this pair of

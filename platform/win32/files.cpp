@@ -96,6 +96,15 @@ int64_t FileWriteAt(int fd, const void* buffer, size_t count, uint64_t offset) {
   return n;
 }
 
+// The dump reads as usual and fetches nothing ahead here.
+int64_t FileReadCachedAt(int, void*, size_t, uint64_t, bool* unsupported) {
+  *unsupported = true;
+  errno = ENOSYS;
+  return -1;
+}
+
+void FilePrefetch(int, uint64_t, uint64_t) {}
+
 // No zero-copy path here: the dump falls back to its own reads and writes.
 int64_t FileSendAt(int, int, size_t, uint64_t, bool* unsupported) {
   *unsupported = true;
