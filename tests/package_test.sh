@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The Debian package as a user gets it: CPack makes mdsnap_<version>_<arch>.deb
-# from this build, its control fields name the release and only libc6 and
-# libstdc++6, those still cover what dpkg-shlibdeps finds in the binary, and
+# from this build, its control fields name the release and only libc6, that
+# still covers what dpkg-shlibdeps finds in the binary, and
 # the binary unpacked with dpkg -x (beside its manual page and licence) runs:
 # its version text, and a dump of a small real volume that -info names.
 # Exit 77 (with the reason) where the Debian tools are missing.
@@ -28,7 +28,7 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Architecture)" = "$arch" ] || fail "Architecture: $(field Architecture)"
 depends=$(field Depends)
 names=$(echo "$depends" | tr ',' '\n' | sed 's/(.*//; s/ //g' | sort | tr '\n' ' ')
-[ "$names" = "libc6 libstdc++6 " ] || fail "Depends: $depends (want libc6 and libstdc++6 only)"
+[ "$names" = "libc6 " ] || fail "Depends: $depends (want libc6 only)"
 
 root=$work/root
 dpkg -x "$deb" "$root" || fail "dpkg -x failed"
@@ -37,9 +37,8 @@ bin=$root/usr/bin/mdsnap
 cmp -s "$root/usr/share/man/man1/mdsnap.1" "$src/doc/mdsnap.1" || fail "usr/share/man/man1/mdsnap.1 missing or stale"
 cmp -s "$root/usr/share/doc/mdsnap/LICENSE" "$src/LICENSE" || fail "usr/share/doc/mdsnap/LICENSE missing or stale"
 
-# What the binary needs, as dpkg-shlibdeps sees it: libgcc-s1 comes with
-# libstdc++6; anything else must be declared. A sanitizer build needs its
-# runtimes and is not what gets shipped.
+# What the binary needs, as dpkg-shlibdeps sees it: everything must be
+# declared. A sanitizer build needs its runtimes and is not what gets shipped.
 if [ "$sanitized" = 1 ]; then
   echo "note: sanitizer build; its runtime libraries are not checked against Depends"
 else
@@ -51,8 +50,7 @@ else
     name=${dep%% *}
     need=$(echo "$dep" | sed -n 's/.*(>= \(.*\))/\1/p')
     case $name in
-      libgcc-s1) continue ;;
-      libc6 | libstdc++6) ;;
+      libc6) ;;
       *) fail "the binary needs $name, which Depends does not declare" ;;
     esac
     have=$(echo "$depends" | tr ',' '\n' | sed -n "s/^ *$name (>= \(.*\))/\1/p")
