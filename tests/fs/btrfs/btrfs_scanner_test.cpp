@@ -337,12 +337,14 @@ TEST(Checksums, Crc32cKnownAnswerAndBothPaths) {
   EXPECT_EQ(~QORV::Crc32c(~0u, "123456789", 9), 0xE3069283u);
   EXPECT_EQ(~QORV::Crc32cPortable(~0u, "123456789", 9), 0xE3069283u);
   // The CPU's instruction (where there is one) against the table loop, on
-  // every start alignment and lengths around its 8-byte steps.
+  // every start alignment and lengths around its 8-byte steps and its
+  // rounds of three 512-byte lanes.
   std::vector<uint8_t> buf(5000);
   uint32_t seed = 12345;
   for (uint8_t& b : buf) b = uint8_t((seed = seed * 1103515245u + 12345u) >> 16);
   for (size_t start = 0; start < 16; ++start)
-    for (size_t len : {size_t(0), size_t(1), size_t(7), size_t(8), size_t(9), size_t(63), size_t(4096 - 32),
+    for (size_t len : {size_t(0), size_t(1), size_t(7), size_t(8), size_t(9), size_t(63), size_t(1535), size_t(1536),
+                       size_t(4096 - 32), size_t(3 * 1536),
                        size_t(4983 - start)})
       ASSERT_EQ(QORV::Crc32c(0x1234567u * uint32_t(len), buf.data() + start, len),
                 QORV::Crc32cPortable(0x1234567u * uint32_t(len), buf.data() + start, len))
