@@ -8,12 +8,13 @@ import tempfile
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 
+import marker
 import tree
 import util
 from util import Fail, Skip
 
 # Bump when a recipe or the tree changes, so cached volumes are rebuilt.
-CACHE_VERSION = "7"
+CACHE_VERSION = "8"
 
 
 # ---------------------------------------------------------------- checkers
@@ -71,9 +72,9 @@ class FileSystem:
 
 
 FILESYSTEMS = {
-    "fat": FileSystem(["fsck.fat", "-n", "-V"], [fls_full_listing, mdir_listing]),
-    "exfat": FileSystem(["fsck.exfat", "-n"], [fls_full_listing]),
-    "ext": FileSystem(["e2fsck", "-fn"], [fls_listing]),
+    "fat": FileSystem(["fsck.fat", "-n", "-V"], [fls_full_listing, mdir_listing], extra=marker.check),
+    "exfat": FileSystem(["fsck.exfat", "-n"], [fls_full_listing], extra=marker.check),
+    "ext": FileSystem(["e2fsck", "-fn"], [fls_listing], extra=marker.check),
 }
 
 
@@ -254,18 +255,21 @@ def fat_recipe(bits, sector, cluster, size_mb, prof=tree.FAT_LIGHT):
             util.run(["mkfs.fat", "-F", str(bits), "-S", str(sector), "-s", str(cluster // sector),
                       "-i", "1234ABCD", "-n", "RT%d" % bits, img], check=True)
             root, t = _staged(prof, scratch)
+            marker.write(root)
             util.run(["mcopy", "-s", "-Q", "-D", "o", "-i", img] + sorted(glob.glob(root + "/*")) + ["::/"],
                      check=True, timeout=600)
             apply_ops(t.ops, MtoolsDriver(img), os.path.join(scratch, "ops"))
 
         path = _cached(ctx, name, build)
-        expect = tree.generate(prof)[1].expect
-        return [Volume(name, "fat", path, expect=set(expect))]
+        expect = tree.generate(prof)[1].expect | {marker.NAME}
+        return [Volume(name, "fat", path, expect=set(expect), marker=True)]
     return make
 
 
-def ext_recipe(mkfs_args, size_mb, htree=0, extended=""):
-    """extended: more mke2fs -E options."""
+def ext_recipe(mkfs_args, size_mb, htree=0, extended="", mark=True):
+    """extended: more mke2fs -E options; mark: put the marker file in."""
+    inline = "inline_data" in mkfs_args
+
     def make(ctx, name):
         util.need("mke2fs", "debugfs", "e2fsck")
 
@@ -273,6 +277,8 @@ def ext_recipe(mkfs_args, size_mb, htree=0, extended=""):
             extra = [("htree", None)] + [("htree/h%06d_%s" % (i, "entry" * (i % 4)), 0) for i in range(htree)] \
                 if htree else None
             root, t = _staged(tree.EXT, scratch, extra)
+            if mark:
+                marker.write(root, inline)
             with open(img, "wb") as f:
                 f.truncate(size_mb << 20)
             util.run(["mke2fs", "-q", "-F", "-U", "6a1e3c55-0f0e-4c1a-9d5e-1234567890ab",
@@ -287,7 +293,9 @@ def ext_recipe(mkfs_args, size_mb, htree=0, extended=""):
 
         path = _cached(ctx, name, build)
         expect = set(tree.generate(tree.EXT)[1].expect)
-        return [Volume(name, "ext", path, expect=expect)]
+        if mark:
+            expect |= {marker.NAME} | ({marker.INLINE_NAME} if inline else set())
+        return [Volume(name, "ext", path, expect=expect, marker=mark)]
     return make
 
 
@@ -343,11 +351,13 @@ def _fuse_mounted(img, scratch):
         util.run(["losetup", "-d", loop])
 
 
-def build_exfat(img, scratch, size_mb, mkfs_args, prof):
+def build_exfat(img, scratch, size_mb, mkfs_args, prof, mark=False):
     with open(img, "wb") as f:
         f.truncate(size_mb << 20)
     util.run(["mkfs.exfat", "-L", "RTEXFAT"] + mkfs_args + [img], check=True)
     root, t = _staged(prof, scratch)
+    if mark:
+        marker.write(root)
     with _fuse_mounted(img, scratch) as mnt:
         for e in sorted(os.listdir(root)):
             s = os.path.join(root, e)
@@ -365,8 +375,9 @@ def exfat_recipe(size_mb, mkfs_args):
         why = _fuse_problem()
         if why:
             raise Skip("exFAT volumes need FUSE on a loop device: " + why)
-        path = _cached(ctx, name, lambda img, scratch: build_exfat(img, scratch, size_mb, mkfs_args, tree.EXFAT))
-        return [Volume(name, "exfat", path, expect=set(tree.generate(tree.EXFAT)[1].expect))]
+        path = _cached(ctx, name, lambda img, scratch: build_exfat(img, scratch, size_mb, mkfs_args, tree.EXFAT, True))
+        return [Volume(name, "exfat", path, expect=set(tree.generate(tree.EXFAT)[1].expect) | {marker.NAME},
+                       marker=True)]
     return make
 
 
@@ -461,7 +472,7 @@ def fixtures(ctx, name):
 def raw_cases(ctx, name):
     vols = []
     for v in RECIPES["fat16_2k"](ctx, "fat16_2k"):
-        vols.append(Volume(v.name + "_raw", v.fs, v.path, raw=True, expect=v.expect))
+        vols.append(Volume(v.name + "_raw", v.fs, v.path, raw=True, expect=v.expect, marker=v.marker))
     for v in fixtures(ctx, name):
         if v.fs == "ext":
             vols.append(Volume(v.name + "_raw_stdout", v.fs, v.path, raw=True, to_stdout=True,
@@ -493,8 +504,10 @@ RECIPES = {
                                             600),
     # 3 TiB, sparse: block numbers whose byte offsets need more than 32 bits.
     # Few inodes and no journal keep the image (every table and bitmap) small.
+    # No marker: one block per group is kept from block 1 on, 24,576 blocks
+    # here, and the marker would land among them.
     "ext4_3tib": ext_recipe(["-t", "ext4", "-N", "4096", "-O", "^has_journal,^resize_inode"], 3 << 20,
-                            extended=",lazy_itable_init=1,nodiscard"),
+                            extended=",lazy_itable_init=1,nodiscard", mark=False),
     "fixtures": fixtures,
     "raw": raw_cases,
 }
