@@ -44,6 +44,7 @@ for vol in "${vols[@]}"; do
   "$bin" --dump --silent -f:out.mds "$vol" 2>/dev/null
   stored=$(python3 "$bench_dir/imageruns.py" runs out.mds | awk '{s += $2} END {printf "%.0f", s}')
   blocks=$(( $(stat -c %s "$vol") / 4096 ))
+  warm_lower "$vol" "$stored" "$bin" --dump --silent -f:/dev/null "$vol"
   rm -f ./*.times
   # Both started directly: a shell in front of one of them alone costs a
   # millisecond of a 10 ms run.

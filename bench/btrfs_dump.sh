@@ -38,6 +38,7 @@ stored=$(python3 "$bench_dir/imageruns.py" runs out.mds | awk '{s += $2} END {pr
 peer_bytes=$(btrfs-image -c0 "$vol" - 2>/dev/null | wc -c)
 sectors=$(( $(stat -c %s "$vol") / 4096 ))
 
+warm_lower "$vol" "$stored" "$bin" --dump --silent -f:/dev/null "$vol"
 rm -f ./*.times
 mine() { run mdsnap_dump "$bin" --dump --silent -f:/dev/null "$vol"; }
 peer() { run btrfs_image sh -c 'exec btrfs-image -c0 "$1" - > /dev/null' sh "$vol"; }

@@ -51,6 +51,20 @@ rotate() {
 # median NAME COLUMN: column 1 is seconds, column 2 peak RSS in KiB.
 median() { sort -n -k"$2" "$1.times" | awk -v c="$2" '{v[NR]=$c} END {print v[int((NR+1)/2)]}'; }
 
+# warm_lower VOLUME BYTES COMMAND...: reads the volume's first BYTES (what
+# the lower bound reads) and runs COMMAND, twice each, right before the
+# rounds. A volume file larger than the page cache can keep (holes read as
+# cached zero pages) loses its first pages to its own warming read, and the
+# lower bound would then time the disk; pages read twice stay.
+warm_lower() {
+  local vol=$1 bytes=$2; shift 2
+  local i
+  for i in 1 2; do
+    dd if="$vol" of=/dev/null bs=2M count="$bytes" iflag=count_bytes 2>/dev/null
+    "$@" >/dev/null 2>&1
+  done
+}
+
 # allocated FILE: bytes the file occupies on disk (sparse files count less).
 allocated() { echo $(( $(stat -c '%b * %B' "$1") )); }
 

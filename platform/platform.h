@@ -87,6 +87,9 @@ bool ResizeFile(int fd, uint64_t size);
 int64_t FileReadCachedAt(int fd, void* buffer, size_t count, uint64_t offset, bool* unsupported);
 // A hint: start fetching count bytes at offset into memory.
 void FilePrefetch(int fd, uint64_t offset, uint64_t count);
+// A hint: start writing count bytes at offset, written before, out to the
+// device without waiting for them.
+void FileWriteBehind(int fd, uint64_t offset, uint64_t count);
 // Moves count bytes from offset of in to the current position of out
 // without a copy through the process, where the system can: the count moved
 // (possibly short), or -1 with errno set; *unsupported when this pair of

@@ -96,6 +96,14 @@ int64_t FileReadCachedAt(int fd, void* buffer, size_t count, uint64_t offset, bo
 #endif
 }
 
+void FileWriteBehind(int fd, uint64_t offset, uint64_t count) {
+#ifdef SYNC_FILE_RANGE_WRITE
+  ::sync_file_range(fd, off_t(offset), off_t(count), SYNC_FILE_RANGE_WRITE);
+#else
+  (void)fd, (void)offset, (void)count;
+#endif
+}
+
 void FilePrefetch(int fd, uint64_t offset, uint64_t count) {
 #ifdef POSIX_FADV_WILLNEED
   ::posix_fadvise(fd, off_t(offset), off_t(count), POSIX_FADV_WILLNEED);

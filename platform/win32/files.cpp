@@ -105,6 +105,8 @@ int64_t FileReadCachedAt(int, void*, size_t, uint64_t, bool* unsupported) {
 
 void FilePrefetch(int, uint64_t, uint64_t) {}
 
+void FileWriteBehind(int, uint64_t, uint64_t) {}
+
 // No zero-copy path here: the dump falls back to its own reads and writes.
 int64_t FileSendAt(int, int, size_t, uint64_t, bool* unsupported) {
   *unsupported = true;
