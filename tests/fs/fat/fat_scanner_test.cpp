@@ -263,7 +263,9 @@ TEST_F(FatVolumes, BootSectorRules) {
 }
 
 // Damaged copies of a populated FAT32 (and a FAT16 for the cycles): every
-// damage is counted once and the rest of the tree is still walked.
+// damage is counted once and the rest of the tree is still walked. Loops,
+// out-of-range clusters and a cycle to the root on FAT32 are the round trips'
+// damaged volumes (exit status, no hang, stored blocks equal).
 TEST_F(FatVolumes, DamagedTreesAreCountedAndWalkedPast) {
   std::string fat32 = Build("damaged32.img", "-F 32 -s 1", 40), fat16 = Build("damaged16.img", "-F 16 -s 2", 40);
   auto point = [](const std::string& img, uint64_t entry, uint32_t cl) {
@@ -281,20 +283,6 @@ TEST_F(FatVolumes, DamagedTreesAreCountedAndWalkedPast) {
     std::function<void(const Model&, const ScanResult&)> check;
   };
   const std::vector<Case> cases = {
-      {"looping and broken chains", false,
-       [&](const Model& m, const std::string& img) {
-         auto wide = m.Chain(m.dirs.at("/WIDE"));
-         ASSERT_GT(wide.size(), 2u);
-         link(m, img, wide.back(), wide.front());        // long loop back to the start
-         link(m, img, m.dirs.at("/A"), m.dirs.at("/A"));  // self loop
-         link(m, img, m.dirs.at("/A/B"), 0x0FFFFFF0);     // beyond the cluster limit
-         link(m, img, m.dirs.at("/EMPTY"), 0);            // free cluster inside a chain
-       },
-       4,
-       [](const Model& m, const ScanResult& r) {
-         for (uint32_t c : m.Chain(m.dirs.at("/WIDE"))) EXPECT_TRUE(r.Test(m.Block(c)));
-         EXPECT_TRUE(r.Test(m.Block(m.dirs.at("/A/B/C")))) << "reached through a/b's first cluster";
-       }},
       // 65536 entries of 32 bytes in 512-byte clusters: 4096 clusters at most.
       {"chain longer than the largest directory", false,
        [&](const Model& m, const std::string& img) {
@@ -313,32 +301,20 @@ TEST_F(FatVolumes, DamagedTreesAreCountedAndWalkedPast) {
          EXPECT_FALSE(r.Test(m.Block(from + kept)));
          EXPECT_TRUE(r.Test(m.Block(m.dirs.at("/WIDE/SUB1/SUBSUB"))));
        }},
-      {"entries naming clusters outside the data area", false,
-       [&](const Model& m, const std::string& img) {
-         Patch16(img, m.EntryAt("", "A") + 20, 0x0FFF);  // cluster 0x0FFFxxxx
-         Patch16(img, m.EntryAt("", "EMPTY") + 26, 1);   // cluster 1 is reserved
-       },
-       2,
-       [](const Model& m, const ScanResult& r) {
-         EXPECT_FALSE(r.Test(m.Block(m.dirs.at("/A/B")))) << "subtree of an unreachable directory was walked";
-         EXPECT_TRUE(r.Test(m.Block(m.dirs.at("/WIDE/SUB1/SUBSUB"))));
-       }},
       {"root cut off by the end of the device", false,
        [](const Model& m, const std::string& img) { ASSERT_EQ(::truncate(img.c_str(), off_t(m.fds * m.bps)), 0); }, 1,
        [](const Model& m, const ScanResult& r) { EXPECT_EQ(r.CountSet(), m.fdb + 1); }},
+      // Sub-directories pointing at their grandparent, their parent and the
+      // root, which on FAT16 is cluster 0, the fixed root again.
+      {"directory cycles", true,
+       [&](const Model& m, const std::string& img) {
+         point(img, m.EntryAt("/A/B/C", "D"), m.dirs.at("/A"));
+         point(img, m.EntryAt("/WIDE", "SUB2"), m.dirs.at("/WIDE"));
+         point(img, m.EntryAt("/WIDE/SUB1", "SUBSUB"), m.rootCluster);
+       },
+       3, [](const Model& m, const ScanResult& r) { EXPECT_TRUE(r.Test(m.Block(m.dirs.at("/EMPTY")))); }},
   };
-  std::vector<Case> all = cases;
-  // Sub-directories pointing at their grandparent, their parent and the root
-  // (on FAT16 cluster 0, the fixed root again).
-  for (bool onFat16 : {false, true})
-    all.push_back({"directory cycles", onFat16,
-                   [&](const Model& m, const std::string& img) {
-                     point(img, m.EntryAt("/A/B/C", "D"), m.dirs.at("/A"));
-                     point(img, m.EntryAt("/WIDE", "SUB2"), m.dirs.at("/WIDE"));
-                     point(img, m.EntryAt("/WIDE/SUB1", "SUBSUB"), m.rootCluster);
-                   },
-                   3, [](const Model& m, const ScanResult& r) { EXPECT_TRUE(r.Test(m.Block(m.dirs.at("/EMPTY")))); }});
-  for (const Case& c : all) {
+  for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.what) + (c.onFat16 ? " (FAT16)" : " (FAT32)"));
     std::string img = Copy(c.onFat16 ? fat16 : fat32, "damaged.img");
     Model m;
