@@ -199,47 +199,24 @@ struct TreeVolume : Volume {
   }
 };
 
-// Block size follows the heap's alignment (no message when it shrinks). The
-// last is TexFAT: both bitmaps kept, and only the active (second) FAT's
-// chains followed, the first one's spoilt.
-TEST(ExFatScanner, KeepsExactlyTheTreeOnEveryGeometry) {
+// Clean trees of every geometry are kept exactly: the block size follows the
+// heap's alignment (no message when it shrinks); TexFAT keeps both bitmaps
+// and follows only the active (second) FAT's chains, the first one's
+// spoilt. Hostile trees are counted and walked past, or stop the scan; the
+// problems are said only under --verbose.
+TEST(ExFatScanner, CleanTreesOfEveryGeometryAndHostileOnes) {
   struct Geometry {
     uint32_t sectorShift, spcShift, heapOffset, k, fats;
-  } geometries[] = {{9, 3, 64, 12, 1}, {12, 1, 26, 13, 1}, {9, 3, 65, 9, 1}, {9, 3, 66, 10, 1}, {9, 3, 68, 11, 1},
-                    {9, 3, 64, 12, 2}};
-  for (const Geometry& g : geometries) {
-    SCOPED_TRACE("heap at sector " + std::to_string(g.heapOffset) + ", sector shift " + std::to_string(g.sectorShift) +
-                 ", FATs " + std::to_string(g.fats));
-    TreeVolume v;
-    v.sectorShift = g.sectorShift;
-    v.spcShift = g.spcShift;
-    v.heapOffset = g.heapOffset;
-    v.fats = g.fats;
-    v.volumeFlags = g.fats == 2;
-    v.Populate();
-    if (g.fats == 2)
-      for (uint32_t c = 2; c < v.clusterCount + 2; ++c) Put(v.img, v.FatAt(0, c), 0, 4);
-    MemDevice dev(v.img, v.SectorSize());
-    RecordingMessage msg;
-    ScanResult r = Scan(&dev, &msg);
-    ASSERT_EQ(r.status, api::QORV_OK);
-    EXPECT_EQ(r.k, g.k);
-    EXPECT_EQ(r.n, (v.HeapBytes() + (uint64_t(v.clusterCount) << (g.sectorShift + g.spcShift))) >> g.k);
-    EXPECT_EQ(r.problems, 0u);
-    EXPECT_EQ(r.Marked(), v.Expected(g.k, v.dirs));  // exactly: no file cluster
-    EXPECT_EQ(msg.lines, std::vector<std::string>{"0:Scanning exFAT..."});
-  }
-}
-
-// Hostile trees: each case is counted and walked past, or stops the scan.
-TEST(ExFatScanner, HostileDirectories) {
+  };
   struct Case {
     const char* what;
     std::function<void(TreeVolume&)> damage;
     api::status_t status;
     uint32_t problems;
     std::set<uint32_t> alsoKept;
+    Geometry g = {9, 3, 64, 12, 1};
   };
+  const auto none = [](TreeVolume&) {};
   const uint32_t cs = 4096, end = 256;  // the tree volume's cluster size and count
   auto upcase = [](uint64_t length) {
     return [length](TreeVolume& v) { Put(v.img, v.DirOffset(v.rootCluster, 64) + 24, length, 8); };
@@ -330,23 +307,43 @@ TEST(ExFatScanner, HostileDirectories) {
        },
        api::QORV_OK, 0, {120, 121, 130, 150}},
       {"root chain loops", [](TreeVolume& v) { v.Link(v.rootCluster, v.rootCluster); }, api::ERR_INCONSISTENT, 0, {}},
+      {"clean", none, api::QORV_OK, 0, {}},
+      {"4 KiB sectors", none, api::QORV_OK, 0, {}, {12, 1, 26, 13, 1}},
+      {"heap at sector 65", none, api::QORV_OK, 0, {}, {9, 3, 65, 9, 1}},
+      {"heap at sector 66", none, api::QORV_OK, 0, {}, {9, 3, 66, 10, 1}},
+      {"heap at sector 68", none, api::QORV_OK, 0, {}, {9, 3, 68, 11, 1}},
+      {"TexFAT",
+       [](TreeVolume& v) {
+         for (uint32_t c = 2; c < v.clusterCount + 2; ++c) Put(v.img, v.FatAt(0, c), 0, 4);
+       },
+       api::QORV_OK, 0, {}, {9, 3, 64, 12, 2}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
+    const Geometry& g = c.g;
     TreeVolume v;
+    v.sectorShift = g.sectorShift;
+    v.spcShift = g.spcShift;
+    v.heapOffset = g.heapOffset;
+    v.fats = g.fats;
+    v.volumeFlags = g.fats == 2;
     v.Populate();
     c.damage(v);
-    MemDevice dev(v.img);
-    ScanResult r = Scan(&dev);
+    MemDevice dev(v.img, v.SectorSize());
+    RecordingMessage msg;
+    ScanResult r = Scan(&dev, &msg);
     ASSERT_EQ(r.status, c.status);
     if (c.status != api::QORV_OK) {
       EXPECT_TRUE(r.bitmapNull);
       continue;
     }
+    EXPECT_EQ(r.k, g.k);
+    EXPECT_EQ(r.n, (v.HeapBytes() + (uint64_t(v.clusterCount) << (g.sectorShift + g.spcShift))) >> g.k);
     EXPECT_EQ(r.problems, c.problems);
     std::set<uint32_t> dirs = v.dirs;
     dirs.insert(c.alsoKept.begin(), c.alsoKept.end());
-    EXPECT_EQ(r.Marked(), v.Expected(12, dirs));
+    EXPECT_EQ(r.Marked(), v.Expected(g.k, dirs));  // exactly: no file cluster
+    EXPECT_EQ(msg.lines, std::vector<std::string>{"0:Scanning exFAT..."});
   }
 }
 
