@@ -1,12 +1,13 @@
+// The overlay every dump reads through: writes stay above the volume, and a
+// failed read below it ends as a sector-by-sector read would.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <numeric>
 #include <string>
 #include <vector>
 
-#include "core/bitmap.h"
 #include "core/overlay.h"
 #include "tests/support/file_device.h"
 #include "tests/support/test_env.h"
@@ -112,31 +113,4 @@ TEST(Overlay, BadSectorInALargeReadFailsAsSectorBySector) {
   // A range past the end is not tried quietly; the device refuses it as before.
   EXPECT_EQ(overlay.ReadBytes(60 * 1024, b.data(), 8192, 0), api::ERR_IO_RANGE);
   EXPECT_EQ(merged.quietReads, 1u);
-}
-
-TEST(RunWalker, RunsAreCutAtTheLongestTransfer) {
-  std::vector<uint8_t> bytes(8, 0);
-  BlockBitmap b(bytes.data(), 64);
-  b.Mark(2, 3);
-  b.Mark(8, 30);
-  b.Mark(63, 1);
-  RunWalker w(bytes.data(), 64, 16);
-  std::vector<std::pair<uint64_t, uint64_t>> runs;
-  uint64_t f, n;
-  while (w.Next(&f, &n)) runs.emplace_back(f, n);
-  std::vector<std::pair<uint64_t, uint64_t>> want = {{2, 3}, {8, 16}, {24, 14}, {63, 1}};
-  EXPECT_EQ(runs, want);
-  RunWalker none(bytes.data(), 2, 16);
-  EXPECT_FALSE(none.Next(&f, &n));
-  // Whole words: a clear one skipped, a set one taken, the run still cut;
-  // a run in the partial last byte.
-  std::vector<uint8_t> wide(33, 0);
-  BlockBitmap m(wide.data(), 261);
-  m.Mark(67, 133);
-  m.Mark(256, 5);
-  RunWalker ww(wide.data(), 261, 100);
-  runs.clear();
-  while (ww.Next(&f, &n)) runs.emplace_back(f, n);
-  want = {{67, 100}, {167, 33}, {256, 5}};
-  EXPECT_EQ(runs, want);
 }
