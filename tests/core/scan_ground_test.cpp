@@ -43,25 +43,6 @@ TEST(ScanSession, MarkingPastTheEndIsCutCountedAndExplainedUnderVerbose) {
   t.mem.Free(bitmap);
 }
 
-TEST(ScanSession, QuietWithoutVerboseAndFreesTheBitmapOnFailure) {
-  TestEnv t;
-  MemDevice dev(std::vector<uint8_t>(4096));
-  RecordingMessage msg;
-  {
-    CScanSession session(&t.env, &dev, &msg);
-    ASSERT_EQ(session.CreateBitmap(100, 12), api::QORV_OK);
-    for (int i = 0; i < 300; ++i) session.Problem("node %d", i);
-    uint8_t* bitmap = nullptr;
-    uint64_t n = 7;
-    uint32_t k = 7, problems = 0;
-    EXPECT_EQ(session.Finish(api::ERR_INCONSISTENT, &bitmap, &n, &k, &problems), api::ERR_INCONSISTENT);
-    EXPECT_EQ(bitmap, nullptr);
-    EXPECT_EQ(problems, 300u);
-  }
-  EXPECT_TRUE(msg.lines.empty());
-  EXPECT_EQ(t.mem.allocations, t.mem.frees);
-}
-
 TEST(VisitedSet, SparseKeysAcrossTheWholeRange) {
   TestEnv t;
   {

@@ -26,21 +26,6 @@ constexpr int kNotRecognized = 0x06;
 constexpr int kIoRange = 0x01;
 constexpr int kShortIo = 0x0C;
 
-// A file of `size` bytes with a recognisable pattern (no file system).
-std::string MakeVolume(const TempDir& dir, const std::string& name, uint64_t size) {
-  std::string path = dir / name;
-  std::string bytes(size, '\0');
-  uint32_t x = 2463534242u;
-  for (uint64_t i = 0; i < size; ++i) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    bytes[i] = char(x);
-  }
-  WriteFile(path, bytes);
-  return path;
-}
-
 mdsnap::ImageHeader HeaderOf(const std::string& image) {
   std::string bytes = ReadFile(image);
   mdsnap::ImageHeader h;
@@ -65,6 +50,12 @@ std::string Random(uint64_t size, uint32_t seed) {
     bytes[i] = char(seed | 1);  // never zero: nothing can pass for a hole
   }
   return bytes;
+}
+
+// A file of `size` such bytes (no file system).
+std::string MakeVolume(const TempDir& dir, const std::string& name, uint64_t size) {
+  WriteFile(dir / name, Random(size, 2463534242u));
+  return dir / name;
 }
 
 // 4 MiB, stored by -dd as four 1 MiB blocks: data in [0, 1 MiB) and
@@ -111,7 +102,7 @@ TEST(Cli, UsageHelpAndVersions) {
   EXPECT_EQ(lib.out.rfind("QORV version 12.00 (", 0), 0u);
 }
 
-TEST(Cli, ArgumentErrorsAndModeRules) {
+TEST(Cli, ArgumentErrorsModeRulesAndUnrecognisedVolumes) {
   TempDir dir;
   RunResult ddRestore = Sh(dir, "MDSNAP --dump -dd --restore x");
   EXPECT_EQ(ddRestore.status, kUsage);
@@ -128,12 +119,9 @@ TEST(Cli, ArgumentErrorsAndModeRules) {
   RunResult missing = Sh(dir, "MDSNAP --dump -f:x.mds /nonexistent/volume");
   EXPECT_EQ(missing.status, 256 - 2);  // the open's errno, negated
   EXPECT_NE(missing.err.find("Can't open \"/nonexistent/volume\" : No such file or directory\n"), std::string::npos);
-}
-
-TEST(Cli, UnrecognisedVolumeSuggestsHead) {
-  TempDir dir;
-  std::string vol = MakeVolume(dir, "noise.img", 3 << 20);
-  RunResult r = Sh(dir, "MDSNAP --dump --nopercents -f:img.mds " + vol);
+  // Noise is no file system: the run suggests --head.
+  MakeVolume(dir, "noise.img", 3 << 20);
+  RunResult r = Sh(dir, "MDSNAP --dump --nopercents -f:img.mds noise.img");
   EXPECT_EQ(r.status, kNotRecognized);
   EXPECT_NE(r.out.find("mdsnap: failed to recognize filesystem from ffffffff\nQORV version 12.00"), std::string::npos);
   EXPECT_NE(r.out.find("Couldn't recognize FS, try '--head' option to capture only header/tail of volume.\n"),

@@ -30,7 +30,8 @@ std::string Drain(FILE* f) {
 // may refuse transfers not aligned to 512 bytes, as volume handles do.
 class RecordedSystem : public IVolumeSystem {
  public:
-  explicit RecordedSystem(size_t size) : disk(size) {
+  // `bytesPerSector` 0: an ordinary file, which has no drive geometry.
+  explicit RecordedSystem(size_t size, uint32_t bytesPerSector = 0) : disk(size), geometry(bytesPerSector) {
     for (size_t i = 0; i < size; ++i) disk[i] = uint8_t(i * 7 + i / 4096);
     out_ = std::tmpfile();
     err_ = std::tmpfile();
@@ -42,7 +43,7 @@ class RecordedSystem : public IVolumeSystem {
 
   std::vector<uint8_t> disk;
   int64_t seekEnd = -2;  // -2: the disk's size
-  uint32_t geometry = 0;  // bytes per sector; 0: an ordinary file
+  uint32_t geometry;  // bytes per sector
   std::deque<bool> locks{true}, dismounts{true};
   bool lengthInfo = true, partitionInfoEx = true, partitionInfo = true;
   uint32_t extendedError = 0;  // 0: allowed
@@ -76,7 +77,10 @@ class RecordedSystem : public IVolumeSystem {
   }
   void FlushBuffers(int) override { calls.push_back("flush"); }
   bool LockVolume(int) override { return Next(locks, "lock"); }
-  bool UnlockVolume(int) override { return Record("unlock"); }
+  bool UnlockVolume(int) override {
+    calls.push_back("unlock");
+    return true;
+  }
   bool DismountVolume(int) override { return Next(dismounts, "dismount"); }
   bool QueryLength(int, LengthQuery q, uint64_t* length) override {
     bool ok = q == LENGTH_INFO ? lengthInfo : q == PARTITION_INFO_EX ? partitionInfoEx : partitionInfo;
@@ -128,10 +132,6 @@ class RecordedSystem : public IVolumeSystem {
     if (answers.size() > 1) answers.pop_front();
     calls.push_back(std::string(what) + (ok ? "" : " refused"));
     return ok;
-  }
-  bool Record(const char* what) {
-    calls.push_back(what);
-    return true;
   }
   FILE* out_;
   FILE* err_;
@@ -187,8 +187,7 @@ TEST(WindowsVolume, OrdinaryFileKeeps512AndTakesNoLock) {
 }
 
 TEST(WindowsVolume, LockedVolumeMessagesAndRelease) {
-  RecordedSystem sys(1 << 20);
-  sys.geometry = 4096;
+  RecordedSystem sys(1 << 20, 4096);
   sys.seekEnd = -1;
   sys.lengthInfo = false;           // the second query answers
   sys.extendedError = 87;           // already allowed: counts as success
@@ -210,8 +209,7 @@ TEST(WindowsVolume, LockedVolumeMessagesAndRelease) {
   // Released as it was taken: dismount and unlock the locked volume, flush, close.
   EXPECT_EQ(sys.calls, (std::vector<std::string>{"dismount", "unlock", "flush", "close"}));
 
-  RecordedSystem odd(1 << 20);
-  odd.geometry = 2048;
+  RecordedSystem odd(1 << 20, 2048);
   odd.seekEnd = -1;
   odd.lengthInfo = odd.partitionInfoEx = odd.partitionInfo = false;
   odd.extendedError = 5;
@@ -230,8 +228,7 @@ TEST(WindowsVolume, DismountQuestionAndItsLimits) {
   const std::string question = "Can't lock volume \"G:\"\nPress 'y' to force dismount \"G:\"";
   const std::string dismounted = "Volume \"G:\" dismounted.  All opened handles to this volume are now invalid.\n";
   for (const char* answer : {"Y\n", "\n", "", "no\n"}) {
-    RecordedSystem sys(1 << 16);
-    sys.geometry = 512;
+    RecordedSystem sys(1 << 16, 512);
     sys.locks = {false};
     sys.input = answer;
     std::unique_ptr<Opened> o(OpenOn(sys, "G:", false, false));
@@ -241,8 +238,7 @@ TEST(WindowsVolume, DismountQuestionAndItsLimits) {
     EXPECT_EQ(std::count(sys.calls.begin(), sys.calls.end(), "dismount"), 0);
   }
   {  // "y" and the rest of its line: dismount, wait, reopen, and the lock holds
-    RecordedSystem sys(1 << 16);
-    sys.geometry = 512;
+    RecordedSystem sys(1 << 16, 512);
     sys.locks = {false, true};
     sys.input = "yes\nq";
     std::unique_ptr<Opened> o(OpenOn(sys, "G:", false, false));
@@ -253,8 +249,7 @@ TEST(WindowsVolume, DismountQuestionAndItsLimits) {
                                                    "sleep 2000", "open \\\\.\\G:", "flush", "lock", "extended"}));
   }
   {  // forced: no question; the third dismount gives up
-    RecordedSystem sys(1 << 16);
-    sys.geometry = 512;
+    RecordedSystem sys(1 << 16, 512);
     sys.locks = {false};
     std::unique_ptr<Opened> o(OpenOn(sys, "G:", false, true));
     EXPECT_EQ(o->status, 22);
@@ -263,8 +258,7 @@ TEST(WindowsVolume, DismountQuestionAndItsLimits) {
     EXPECT_EQ(sys.open, 0);
   }
   {  // a refused dismount
-    RecordedSystem sys(1 << 16);
-    sys.geometry = 512;
+    RecordedSystem sys(1 << 16, 512);
     sys.locks = {false};
     sys.dismounts = {false};
     std::unique_ptr<Opened> o(OpenOn(sys, "G:", false, true));
@@ -272,8 +266,7 @@ TEST(WindowsVolume, DismountQuestionAndItsLimits) {
     EXPECT_EQ(sys.err(), "Can't lock volume \"G:\"\nCan't dismount volume \"G:\"\n");
   }
   {  // read-only: an unlocked volume is read as it is, silently
-    RecordedSystem sys(1 << 16);
-    sys.geometry = 512;
+    RecordedSystem sys(1 << 16, 512);
     sys.locks = {false};
     std::unique_ptr<Opened> o(OpenOn(sys, "G:", true, false));
     EXPECT_EQ(o->status, 0);
@@ -283,8 +276,7 @@ TEST(WindowsVolume, DismountQuestionAndItsLimits) {
 }
 
 TEST(WindowsVolume, UnalignedTransfersGoThroughAlignedBlocks) {
-  RecordedSystem sys(3 * 4096 + 1024);  // ends inside a 4096-byte block
-  sys.geometry = 512;
+  RecordedSystem sys(3 * 4096 + 1024, 512);  // ends inside a 4096-byte block
   sys.aligned = true;
   std::unique_ptr<Opened> o(OpenOn(sys, "H:", false, true));
   ASSERT_EQ(o->status, 0);
@@ -313,8 +305,7 @@ TEST(WindowsVolume, UnalignedTransfersGoThroughAlignedBlocks) {
 }
 
 TEST(WindowsVolume, FailedReadsAndAVanishedDevice) {
-  RecordedSystem sys(1 << 16);
-  sys.geometry = 512;
+  RecordedSystem sys(1 << 16, 512);
   sys.aligned = true;
   std::unique_ptr<Opened> o(OpenOn(sys, "K:", false, true));
   ASSERT_EQ(o->status, 0);

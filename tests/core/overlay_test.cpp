@@ -1,12 +1,13 @@
+// The overlay every dump reads through: writes stay above the volume, and a
+// failed read below it ends as a sector-by-sector read would.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <numeric>
 #include <string>
 #include <vector>
 
-#include "core/bitmap.h"
 #include "core/overlay.h"
 #include "tests/support/file_device.h"
 #include "tests/support/test_env.h"
@@ -80,51 +81,16 @@ TEST(Overlay, WritesStayAboveTheVolume) {
   std::vector<uint8_t> untouched(512, 0xEE);
   ASSERT_EQ(overlay.ReadBytes(0, untouched.data(), 512, api::READ_NO_DATA), api::QORV_OK);
   EXPECT_EQ(untouched[0], 0xEE);
+  // Past the volume's end: a read fails, and a partial write whose sector
+  // cannot be read from below keeps nothing.
+  EXPECT_EQ(overlay.ReadBytes(4000, got.data(), 100, 0), api::ERR_IO_RANGE);
+  EXPECT_EQ(overlay.WriteBytes(4096, three, 1, 0), api::ERR_IO_RANGE);
+  EXPECT_EQ(overlay.SectorCount(), 4u);
   overlay.Empty();
   EXPECT_EQ(overlay.SectorCount(), 0u);
   ASSERT_EQ(overlay.ReadBytes(0, got.data(), 2048, 0), api::QORV_OK);
   EXPECT_TRUE(std::equal(got.begin(), got.end(), original.begin()));
   EXPECT_EQ(t.mem.allocations, t.mem.frees);
-}
-
-TEST(Overlay, ForwardsInSectorPiecesAndPassesErrorsThrough) {
-  testsupport::TestEnv t;
-  MemDevice lower(Pattern(2048));
-  CRWBlockMemMdSnap overlay(&t.env, &lower);
-  std::vector<uint8_t> got(1500);
-  ASSERT_EQ(overlay.ReadBytes(300, got.data(), 1500, 0), api::QORV_OK);
-  EXPECT_EQ(lower.reads, 4u);  // 212 + 512 + 512 + 264
-  EXPECT_TRUE(std::equal(got.begin(), got.end(), lower.bytes.begin() + 300));
-  EXPECT_EQ(overlay.ReadBytes(2000, got.data(), 100, 0), api::ERR_IO_RANGE);
-  // A partial write whose sector cannot be read from below keeps nothing.
-  const uint8_t b = 1;
-  EXPECT_EQ(overlay.WriteBytes(4096, &b, 1, 0), api::ERR_IO_RANGE);
-  EXPECT_EQ(overlay.SectorCount(), 0u);
-  EXPECT_EQ(t.mem.allocations, t.mem.frees);
-}
-
-TEST(Overlay, LargeReadGoesDownBetweenKeptSectors) {
-  testsupport::TestEnv t;
-  BadSectorDevice lower(Pattern(64 * 1024), UINT64_MAX);
-  CRWBlockMemMdSnap overlay(&t.env, &lower, &lower);
-  std::vector<uint8_t> ones(512, 1);
-  ASSERT_EQ(overlay.WriteBytes(8192, ones.data(), 512, 0), api::QORV_OK);
-  ASSERT_EQ(overlay.WriteBytes(8704 + 100, ones.data(), 10, 0), api::QORV_OK);  // reads its sector once
-  const uint64_t readsBefore = lower.reads;
-  std::vector<uint8_t> got(32 * 1024);
-  ASSERT_EQ(overlay.ReadBytes(300, got.data(), uint32_t(got.size()), 0), api::QORV_OK);
-  std::vector<uint8_t> want(lower.bytes.begin() + 300, lower.bytes.begin() + 300 + got.size());
-  std::fill(want.begin() + 8192 - 300, want.begin() + 8704 - 300, 1);
-  std::fill(want.begin() + 8804 - 300, want.begin() + 8814 - 300, 1);
-  EXPECT_EQ(got, want);
-  // Below and above the two kept sectors: two reads, none by sectors.
-  EXPECT_EQ(lower.quietReads, 2u);
-  EXPECT_EQ(lower.reads, readsBefore);
-  // A read inside one sector needs no merging.
-  ASSERT_EQ(overlay.ReadBytes(20000, got.data(), 100, 0), api::QORV_OK);
-  EXPECT_EQ(lower.quietReads, 2u);
-  EXPECT_EQ(lower.reads, readsBefore + 1);
-  overlay.Empty();
 }
 
 TEST(Overlay, BadSectorInALargeReadFailsAsSectorBySector) {
@@ -147,56 +113,4 @@ TEST(Overlay, BadSectorInALargeReadFailsAsSectorBySector) {
   // A range past the end is not tried quietly; the device refuses it as before.
   EXPECT_EQ(overlay.ReadBytes(60 * 1024, b.data(), 8192, 0), api::ERR_IO_RANGE);
   EXPECT_EQ(merged.quietReads, 1u);
-}
-
-TEST(BlockBitmap, MarkIsClampedToTheBitmap) {
-  std::vector<uint8_t> bytes(3, 0);
-  BlockBitmap b(bytes.data(), 20);
-  EXPECT_TRUE(b.Mark(3, 10));
-  EXPECT_FALSE(b.Mark(18, 100));  // cut at bit 19
-  EXPECT_FALSE(b.Mark(1000, 1));
-  EXPECT_EQ(bytes[0], 0xF8);
-  EXPECT_EQ(bytes[1], 0x1F);
-  EXPECT_EQ(bytes[2], 0x0C);
-  EXPECT_EQ(b.CountSet(), 12u);
-  EXPECT_FALSE(b.TestAndSet(0));
-  EXPECT_TRUE(b.TestAndSet(0));
-  EXPECT_TRUE(b.TestAndSet(20));  // outside counts as visited
-  uint8_t full[2] = {0xFF, 0xFF};
-  EXPECT_EQ(CountSetBits(full, 12), 12u);  // the partial last byte is masked
-  EXPECT_EQ(CountSetBits(full, 16), 16u);
-  // Whole words empty, full and mixed, then bytes, then a masked last byte.
-  uint8_t words[21] = {};
-  std::memset(words + 8, 0xFF, 8);
-  words[17] = 0x81, words[19] = 0x10, words[20] = 0xFF;
-  EXPECT_EQ(CountSetBits(words, 8 * 20 + 3), 64u + 2 + 1 + 3);
-  words[3] = 0x0F;
-  EXPECT_EQ(CountSetBits(words, 8 * 21), 4u + 64 + 2 + 1 + 8);
-}
-
-TEST(RunWalker, RunsAreCutAtTheLongestTransfer) {
-  std::vector<uint8_t> bytes(8, 0);
-  BlockBitmap b(bytes.data(), 64);
-  b.Mark(2, 3);
-  b.Mark(8, 30);
-  b.Mark(63, 1);
-  RunWalker w(bytes.data(), 64, 16);
-  std::vector<std::pair<uint64_t, uint64_t>> runs;
-  uint64_t f, n;
-  while (w.Next(&f, &n)) runs.emplace_back(f, n);
-  std::vector<std::pair<uint64_t, uint64_t>> want = {{2, 3}, {8, 16}, {24, 14}, {63, 1}};
-  EXPECT_EQ(runs, want);
-  RunWalker none(bytes.data(), 2, 16);
-  EXPECT_FALSE(none.Next(&f, &n));
-  // Whole words: a clear one skipped, a set one taken, the run still cut;
-  // a run in the partial last byte.
-  std::vector<uint8_t> wide(33, 0);
-  BlockBitmap m(wide.data(), 261);
-  m.Mark(67, 133);
-  m.Mark(256, 5);
-  RunWalker ww(wide.data(), 261, 100);
-  runs.clear();
-  while (ww.Next(&f, &n)) runs.emplace_back(f, n);
-  want = {{67, 100}, {167, 33}, {256, 5}};
-  EXPECT_EQ(runs, want);
 }
