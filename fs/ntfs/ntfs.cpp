@@ -87,17 +87,24 @@ api::status_t CFileSystemNtfs::DecodeRuns(const NtfsAttr& a, std::vector<NtfsRun
 
 // ---- Fix-up ----------------------------------------------------------------
 
+CNtfsFixup::CNtfsFixup(const char* magic) {
+  // The tag as the header's first four bytes read little-endian, so that one
+  // compare tells it.
+  magic_ = ByteView(magic, 4).le32(0);
+}
+
 api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
   ByteView v(unit, size);
-  if (!v.Equals(Protected::kMagic, magic_, 4)) {
-    static const uint8_t kZero[8] = {};
-    return v.Equals(0, kZero, sizeof kZero) ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
-  }
-  uint32_t usa = v.le16(Protected::kUsaOffset), count = v.le16(Protected::kUsaCount);
-  uint32_t strides = size / Protected::kStride;
+  FixedWindow<Protected::kUsaCount + 2> h;
+  if (!v.Window(0, &h)) return api::ERR_INCONSISTENT;
+  if (h.le32<Protected::kMagic>() != magic_) return h.le64<0>() == 0 ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
+  const uint32_t usa = h.le16<Protected::kUsaOffset>(), count = h.le16<Protected::kUsaCount>();
+  const uint32_t strides = size / Protected::kStride;
   if (strides == 0 || count != strides + 1 || (usa & 1) || usa < 8 || !v.Has(usa, size_t(count) * 2))
     return api::ERR_INCONSISTENT;
-  uint16_t usn = v.le16(usa);
+  // The array holds the sequence number and then one entry per stride.
+  const ByteView array = v.Sub(usa, size_t(count) * 2);
+  const uint16_t usn = array.le16(0);
   for (uint32_t i = 0; i < strides; ++i) {
     size_t end = size_t(i + 1) * Protected::kStride - 2;
     // The array itself must not lie in a stride's protected tail.
@@ -106,8 +113,8 @@ api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
   }
   for (uint32_t i = 0; i < strides; ++i) {
     size_t end = size_t(i + 1) * Protected::kStride - 2;
-    unit[end] = unit[usa + 2 + i * 2];
-    unit[end + 1] = unit[usa + 3 + i * 2];
+    unit[end] = array.u8(2 + i * 2);
+    unit[end + 1] = array.u8(3 + i * 2);
   }
   return api::QORV_OK;
 }
@@ -158,58 +165,6 @@ void NtfsAttrKey::Set(const NtfsAttr& a) {
 
 bool NtfsAttrKey::Matches(uint32_t t, const ByteView& n) const {
   return t == type && n.Size() == size_t(nameLength) * 2 && (nameLength == 0 || n.Equals(0, name, n.Size()));
-}
-
-CNtfsAttrIter::CNtfsAttrIter(const ByteView& record) : rec_(record) {
-  pos_ = record.le16(Record::kAttrOffset);
-  end_ = std::min<size_t>(record.le32(Record::kBytesInUse), record.Size());
-}
-
-api::status_t CNtfsAttrIter::Skim(NtfsAttrHead* out) {
-  if (done_) return api::ERR_END_OF_DIR;
-  if (!rec_.Has(pos_, 4) || pos_ + 4 > end_) {
-    done_ = true;
-    return api::ERR_INCONSISTENT;
-  }
-  uint32_t type = rec_.le32(pos_ + Attr::kType);
-  if (type == Attr::kEnd) {
-    done_ = true;
-    return api::ERR_END_OF_DIR;
-  }
-  uint32_t length = rec_.le32(pos_ + Attr::kLength);
-  if (length < Attr::kResidentHeader || (length & 7) || length > end_ - pos_) {
-    done_ = true;
-    return api::ERR_INCONSISTENT;
-  }
-  ByteView a = rec_.Sub(pos_, length);
-  out->type = type;
-  out->at = uint32_t(pos_);
-  out->nonResident = a.u8(Attr::kNonResident) != 0;
-  out->lowestVcn = 0;
-  out->name = ByteView();
-  uint32_t nameLength = a.u8(Attr::kNameLength);
-  if (nameLength) {
-    out->name = a.Sub(a.le16(Attr::kNameOffset), size_t(nameLength) * 2);
-    if (!out->name.Data()) {
-      done_ = true;
-      return api::ERR_INCONSISTENT;
-    }
-  }
-  if (!out->nonResident) {
-    if (!a.Has(a.le16(Attr::kValueOffset), a.le32(Attr::kValueLength))) {
-      done_ = true;
-      return api::ERR_INCONSISTENT;
-    }
-  } else {
-    uint32_t pairs = a.le16(Attr::kPairsOffset);
-    if (length < Attr::kNonResidentHeader || pairs < Attr::kNonResidentHeader || pairs > length) {
-      done_ = true;
-      return api::ERR_INCONSISTENT;
-    }
-    out->lowestVcn = a.le64(Attr::kLowestVcn);
-  }
-  pos_ += length;
-  return api::QORV_OK;
 }
 
 api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
@@ -392,7 +347,9 @@ uint64_t CFileSystemNtfs::RecordRunBytes(uint64_t r) const {
 // The header fields every later parse relies on: where the attributes
 // start and how many bytes are in use, inside the record.
 static api::status_t CheckRecordHeader(const ByteView& v) {
-  uint32_t attrs = v.le16(Record::kAttrOffset), inUse = v.le32(Record::kBytesInUse);
+  FixedWindow<Record::kBytesInUse + 4> h;
+  if (!v.Window(0, &h)) return api::ERR_INCONSISTENT;
+  uint32_t attrs = h.le16<Record::kAttrOffset>(), inUse = h.le32<Record::kBytesInUse>();
   if (attrs < Record::kMinAttrOffset || (attrs & 7) || inUse > v.Size() || attrs >= inUse) return api::ERR_INCONSISTENT;
   return api::QORV_OK;
 }

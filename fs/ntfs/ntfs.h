@@ -4,6 +4,7 @@
 // through one device wrapper that marks the clusters it touches once the
 // scan has a used-block bitmap.
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -51,11 +52,11 @@ constexpr api::status_t kNtfsBlankUnit = api::ERR_END_OF_DIR;
 // back from the array. A wrong magic or a mismatch rejects the unit.
 class CNtfsFixup : public IUnitCheck {
  public:
-  explicit CNtfsFixup(const char* magic) : magic_(magic) {}
+  explicit CNtfsFixup(const char* magic);  // four characters
   api::status_t Check(uint64_t offset, uint8_t* unit, uint32_t size) override;
 
  private:
-  const char* magic_;  // four characters
+  uint32_t magic_;
 };
 
 // Read marking: passes every call down and, while a bitmap is attached,
@@ -155,11 +156,58 @@ class CNtfsAttrIter {
   api::status_t Skim(NtfsAttrHead* out);
 
  private:
-  ByteView rec_;
+  ByteView rec_;  // the bytes in use
   size_t pos_ = 0;
-  size_t end_ = 0;
   bool done_ = false;
 };
+
+// Inline: the record walk skims every attribute of every record. The view
+// is cut to the bytes in use, so that checking a read against the view
+// checks it against them too.
+inline CNtfsAttrIter::CNtfsAttrIter(const ByteView& record) {
+  FixedWindow<ntfs::Record::kBytesInUse + 4> h;
+  if (!record.Window(0, &h)) return;  // no attribute fits: the first Skim says so
+  pos_ = h.le16<ntfs::Record::kAttrOffset>();
+  rec_ = record.Sub(0, std::min<size_t>(h.le32<ntfs::Record::kBytesInUse>(), record.Size()));
+}
+
+[[gnu::always_inline]] inline api::status_t CNtfsAttrIter::Skim(NtfsAttrHead* out) {
+  using ntfs::Attr;
+  if (done_) return api::ERR_END_OF_DIR;
+  done_ = true;  // until this attribute proves whole
+  FixedWindow<4> t;
+  if (!rec_.Window(pos_, &t)) return api::ERR_INCONSISTENT;
+  const uint32_t type = t.le32<Attr::kType>();
+  if (type == Attr::kEnd) return api::ERR_END_OF_DIR;
+  // Every attribute has the common header; its offsets are checked against
+  // its own length, which lies inside the bytes in use.
+  FixedWindow<Attr::kResidentHeader> h;
+  if (!rec_.Window(pos_, &h)) return api::ERR_INCONSISTENT;
+  const uint32_t length = h.le32<Attr::kLength>();
+  if (length < Attr::kResidentHeader || (length & 7) || !rec_.Has(pos_, length)) return api::ERR_INCONSISTENT;
+  out->type = type;
+  out->at = uint32_t(pos_);
+  out->nonResident = h.u8<Attr::kNonResident>() != 0;
+  out->lowestVcn = 0;
+  out->name = ByteView();
+  if (const uint32_t nameLength = h.u8<Attr::kNameLength>()) {
+    const uint32_t nameOffset = h.le16<Attr::kNameOffset>();
+    if (nameOffset + nameLength * 2 > length) return api::ERR_INCONSISTENT;
+    out->name = rec_.Sub(pos_ + nameOffset, size_t(nameLength) * 2);
+  }
+  if (!out->nonResident) {
+    if (uint64_t(h.le16<Attr::kValueOffset>()) + h.le32<Attr::kValueLength>() > length) return api::ERR_INCONSISTENT;
+  } else {
+    FixedWindow<Attr::kNonResidentHeader> n;
+    if (length < Attr::kNonResidentHeader || !rec_.Window(pos_, &n)) return api::ERR_INCONSISTENT;
+    const uint32_t pairs = n.le16<Attr::kPairsOffset>();
+    if (pairs < Attr::kNonResidentHeader || pairs > length) return api::ERR_INCONSISTENT;
+    out->lowestVcn = n.le64<Attr::kLowestVcn>();
+  }
+  pos_ += length;
+  done_ = false;
+  return api::QORV_OK;
+}
 
 // An attribute's identity: type and name (at most 255 UTF-16 units).
 struct NtfsAttrKey {
