@@ -102,19 +102,24 @@ api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
   const uint32_t strides = size / Protected::kStride;
   if (strides == 0 || count != strides + 1 || (usa & 1) || usa < 8 || !v.Has(usa, size_t(count) * 2))
     return api::ERR_INCONSISTENT;
-  // The array holds the sequence number and then one entry per stride.
-  const ByteView array = v.Sub(usa, size_t(count) * 2);
-  const uint16_t usn = array.le16(0);
-  for (uint32_t i = 0; i < strides; ++i) {
-    size_t end = size_t(i + 1) * Protected::kStride - 2;
-    // The array itself must not lie in a stride's protected tail.
-    if (usa + 2 + i * 2 >= end && usa <= end + 1) return api::ERR_INCONSISTENT;
-    if (v.le16(end) != usn) return api::ERR_INCONSISTENT;
+  // The array holds the sequence number and then one entry per stride; it
+  // lies inside the unit (checked above), and so does each stride's tail.
+  // The array itself must not lie in a stride's protected tail; only one
+  // that reaches the first tail can.
+  if (usa + size_t(count) * 2 >= Protected::kStride) {
+    for (uint32_t i = 0; i < strides; ++i) {
+      size_t end = size_t(i + 1) * Protected::kStride - 2;
+      if (usa + 2 + i * 2 >= end && usa <= end + 1) return api::ERR_INCONSISTENT;
+    }
   }
   for (uint32_t i = 0; i < strides; ++i) {
     size_t end = size_t(i + 1) * Protected::kStride - 2;
-    unit[end] = array.u8(2 + i * 2);
-    unit[end + 1] = array.u8(3 + i * 2);
+    if (unit[end] != unit[usa] || unit[end + 1] != unit[usa + 1]) return api::ERR_INCONSISTENT;
+  }
+  for (uint32_t i = 0; i < strides; ++i) {
+    size_t end = size_t(i + 1) * Protected::kStride - 2;
+    unit[end] = unit[usa + 2 + i * 2];
+    unit[end + 1] = unit[usa + 3 + i * 2];
   }
   return api::QORV_OK;
 }
@@ -146,7 +151,7 @@ api::status_t CNtfsMarkingDevice::ReadBytes(uint64_t offset, void* buffer, uint3
 
 // ---- Attributes ------------------------------------------------------------
 
-static bool NameIs(const ByteView& name, const char* ascii) {
+bool NtfsNameIs(ByteView name, const char* ascii) {
   size_t n = std::strlen(ascii);
   if (name.Size() != n * 2) return false;
   for (size_t i = 0; i < n; ++i)
@@ -154,8 +159,6 @@ static bool NameIs(const ByteView& name, const char* ascii) {
   return true;
 }
 
-bool NtfsAttr::NameIs(const char* ascii) const { return QORV::NameIs(name, ascii); }
-bool NtfsAttrHead::NameIs(const char* ascii) const { return QORV::NameIs(name, ascii); }
 
 void NtfsAttrKey::Set(const NtfsAttr& a) {
   type = a.type;
@@ -556,15 +559,11 @@ api::status_t CNtfsMftReader::Fill(uint64_t r) {
   return api::QORV_OK;
 }
 
-api::status_t CNtfsMftReader::Record(uint64_t r, ByteView* out) {
-  *out = ByteView();
-  if (r < first_ || r >= first_ + count_) QORV_TRY(Fill(r));
+api::status_t CNtfsMftReader::Refill(uint64_t r, ByteView* out) {
+  if (r - first_ >= count_) QORV_TRY(Fill(r));
   if (single_) return fs_->ReadRecord(r, out);
-  const uint32_t size = fs_->Geometry().recordSize;
-  uint8_t* rec = piece_ + size_t(r - first_) * size;
-  QORV_TRY(fs_->CheckRecord(0, rec));
-  *out = ByteView(rec, size);
-  return api::QORV_OK;
+  // Fill took record r into the piece.
+  return Record(r, out);
 }
 
 }  // namespace QORV

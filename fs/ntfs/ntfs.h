@@ -50,7 +50,7 @@ constexpr api::status_t kNtfsBlankUnit = api::ERR_END_OF_DIR;
 // The update-sequence fix-up of FILE, INDX and RSTR records: 512-byte
 // strides whose last two bytes must hold the sequence number; they are put
 // back from the array. A wrong magic or a mismatch rejects the unit.
-class CNtfsFixup : public IUnitCheck {
+class CNtfsFixup final : public IUnitCheck {
  public:
   explicit CNtfsFixup(const char* magic);  // four characters
   api::status_t Check(uint64_t offset, uint8_t* unit, uint32_t size) override;
@@ -110,6 +110,10 @@ struct NtfsGeometry {
   uint64_t clusterCount = 0;
 };
 
+// Whether a UTF-16LE attribute name is the ASCII text given. The name is
+// taken by value, so that asking leaves the attribute where it is.
+bool NtfsNameIs(ByteView name, const char* ascii);
+
 // One attribute record, as parsed from its header; views point into the
 // record that holds it.
 struct NtfsAttr {
@@ -124,7 +128,7 @@ struct NtfsAttr {
   ByteView pairs;  // non-resident
   ByteView raw;    // the whole attribute record
   uint32_t valueOffset = 0;
-  bool NameIs(const char* ascii) const;
+  bool NameIs(const char* ascii) const { return NtfsNameIs(name, ascii); }
   // The display name of a $FILE_NAME attribute, in UTF-8: false when it is
   // not resident, too short for its fixed part, or a DOS-only name.
   bool DisplayName(char* out, size_t cap) const;
@@ -138,7 +142,7 @@ struct NtfsAttrHead {
   bool nonResident = false;
   uint64_t lowestVcn = 0;
   ByteView name;  // UTF-16LE
-  bool NameIs(const char* ascii) const;
+  bool NameIs(const char* ascii) const { return NtfsNameIs(name, ascii); }
 };
 
 // Walks the attributes of one fixed-up MFT record, every length and offset
@@ -380,11 +384,13 @@ class CNtfsMftReader : public api::base_noncopyable {
   explicit CNtfsMftReader(CFileSystemNtfs* fs) : fs_(fs) {}
   ~CNtfsMftReader();
   // Record r (taken in ascending order), fixed up; the view lasts until the
-  // next call. A failure concerns record r alone.
+  // next call. A failure concerns record r alone. Inline: it runs once per
+  // record of the volume.
   api::status_t Record(uint64_t r, ByteView* out);
 
  private:
   api::status_t Fill(uint64_t r);
+  api::status_t Refill(uint64_t r, ByteView* out);
 
   CFileSystemNtfs* fs_;
   uint8_t* piece_ = nullptr;
@@ -484,5 +490,15 @@ class CFileSystemNtfs : public api::base_noncopyable {
   uint8_t* work_ = nullptr;  // twice the record size
   uint8_t* unit_ = nullptr;  // max(record size, cluster size)
 };
+
+inline api::status_t CNtfsMftReader::Record(uint64_t r, ByteView* out) {
+  *out = ByteView();
+  if (r - first_ >= count_ || single_) return Refill(r, out);
+  const uint32_t size = fs_->Geometry().recordSize;
+  uint8_t* rec = piece_ + size_t(r - first_) * size;
+  QORV_TRY(fs_->CheckRecord(0, rec));
+  *out = ByteView(rec, size);
+  return api::QORV_OK;
+}
 
 }  // namespace QORV
