@@ -379,7 +379,10 @@ class CDirNtfs {
 // costs only the records in it.
 class CNtfsMftReader : public api::base_noncopyable {
  public:
-  static constexpr uint32_t kPieceBytes = 1u << 20;
+  // Small enough that a piece is still in the core's own cache when its
+  // records are parsed, right after the read copied it there; large enough
+  // that the calls stay few (one per 128 records of 1 KiB).
+  static constexpr uint32_t kPieceBytes = 1u << 17;
 
   explicit CNtfsMftReader(CFileSystemNtfs* fs) : fs_(fs) {}
   ~CNtfsMftReader();
