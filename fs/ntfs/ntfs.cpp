@@ -93,11 +93,14 @@ CNtfsFixup::CNtfsFixup(const char* magic) {
   magic_ = ByteView(magic, 4).le32(0);
 }
 
-api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
+namespace {
+
+// The fix-up itself, inline where every MFT record goes through it.
+inline api::status_t Fixup(uint32_t magic, uint8_t* unit, uint32_t size) {
   ByteView v(unit, size);
   FixedWindow<Protected::kUsaCount + 2> h;
   if (!v.Window(0, &h)) return api::ERR_INCONSISTENT;
-  if (h.le32<Protected::kMagic>() != magic_) return h.le64<0>() == 0 ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
+  if (h.le32<Protected::kMagic>() != magic) return h.le64<0>() == 0 ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
   const uint32_t usa = h.le16<Protected::kUsaOffset>(), count = h.le16<Protected::kUsaCount>();
   const uint32_t strides = size / Protected::kStride;
   if (strides == 0 || count != strides + 1 || (usa & 1) || usa < 8 || !v.Has(usa, size_t(count) * 2))
@@ -112,17 +115,21 @@ api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
       if (usa + 2 + i * 2 >= end && usa <= end + 1) return api::ERR_INCONSISTENT;
     }
   }
-  for (uint32_t i = 0; i < strides; ++i) {
-    size_t end = size_t(i + 1) * Protected::kStride - 2;
-    if (unit[end] != unit[usa] || unit[end + 1] != unit[usa + 1]) return api::ERR_INCONSISTENT;
-  }
-  for (uint32_t i = 0; i < strides; ++i) {
-    size_t end = size_t(i + 1) * Protected::kStride - 2;
-    unit[end] = unit[usa + 2 + i * 2];
-    unit[end + 1] = unit[usa + 3 + i * 2];
+  const uint8_t* saved = unit + usa;
+  uint8_t* const last = unit + size_t(strides) * Protected::kStride;
+  for (uint8_t* tail = unit + Protected::kStride - 2; tail < last; tail += Protected::kStride)
+    if (tail[0] != saved[0] || tail[1] != saved[1]) return api::ERR_INCONSISTENT;
+  for (uint8_t* tail = unit + Protected::kStride - 2; tail < last; tail += Protected::kStride) {
+    saved += 2;
+    tail[0] = saved[0];
+    tail[1] = saved[1];
   }
   return api::QORV_OK;
 }
+
+}  // namespace
+
+api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) { return Fixup(magic_, unit, size); }
 
 // ---- Read marking ------------------------------------------------------------
 
@@ -349,7 +356,7 @@ uint64_t CFileSystemNtfs::RecordRunBytes(uint64_t r) const {
 
 // The header fields every later parse relies on: where the attributes
 // start and how many bytes are in use, inside the record.
-static api::status_t CheckRecordHeader(const ByteView& v) {
+static inline api::status_t CheckRecordHeader(const ByteView& v) {
   FixedWindow<Record::kBytesInUse + 4> h;
   if (!v.Window(0, &h)) return api::ERR_INCONSISTENT;
   uint32_t attrs = h.le16<Record::kAttrOffset>(), inUse = h.le32<Record::kBytesInUse>();
@@ -357,8 +364,8 @@ static api::status_t CheckRecordHeader(const ByteView& v) {
   return api::QORV_OK;
 }
 
-api::status_t CFileSystemNtfs::CheckRecord(uint64_t offset, uint8_t* rec) {
-  QORV_TRY(fileFixup_.Check(offset, rec, geo_.recordSize));
+api::status_t CFileSystemNtfs::CheckRecord(uint64_t, uint8_t* rec) {
+  QORV_TRY(Fixup(fileFixup_.Magic(), rec, geo_.recordSize));
   return CheckRecordHeader(ByteView(rec, geo_.recordSize));
 }
 

@@ -54,6 +54,7 @@ class CNtfsFixup final : public IUnitCheck {
  public:
   explicit CNtfsFixup(const char* magic);  // four characters
   api::status_t Check(uint64_t offset, uint8_t* unit, uint32_t size) override;
+  uint32_t Magic() const { return magic_; }
 
  private:
   uint32_t magic_;
@@ -179,16 +180,22 @@ inline CNtfsAttrIter::CNtfsAttrIter(const ByteView& record) {
   using ntfs::Attr;
   if (done_) return api::ERR_END_OF_DIR;
   done_ = true;  // until this attribute proves whole
-  FixedWindow<4> t;
-  if (!rec_.Window(pos_, &t)) return api::ERR_INCONSISTENT;
-  const uint32_t type = t.le32<Attr::kType>();
-  if (type == Attr::kEnd) return api::ERR_END_OF_DIR;
   // Every attribute has the common header; its offsets are checked against
-  // its own length, which lies inside the bytes in use.
+  // its own length, which lies inside the bytes in use. Only the end marker
+  // may sit closer to the end than a header's size.
   FixedWindow<Attr::kResidentHeader> h;
-  if (!rec_.Window(pos_, &h)) return api::ERR_INCONSISTENT;
+  if (!rec_.Window(pos_, &h)) {
+    FixedWindow<4> t;
+    return rec_.Window(pos_, &t) && t.le32<Attr::kType>() == Attr::kEnd ? api::ERR_END_OF_DIR
+                                                                        : api::ERR_INCONSISTENT;
+  }
+  const uint32_t type = h.le32<Attr::kType>();
+  if (type == Attr::kEnd) return api::ERR_END_OF_DIR;
+  // At least the header, whole 8-byte units, inside the bytes in use: the
+  // header's size is such a unit, so one subtraction checks the first two.
   const uint32_t length = h.le32<Attr::kLength>();
-  if (length < Attr::kResidentHeader || (length & 7) || !rec_.Has(pos_, length)) return api::ERR_INCONSISTENT;
+  const uint64_t beyond = uint64_t(length) - Attr::kResidentHeader;  // huge when shorter
+  if ((beyond & 7) || beyond > rec_.Size() - pos_ - Attr::kResidentHeader) return api::ERR_INCONSISTENT;
   out->type = type;
   out->at = uint32_t(pos_);
   out->nonResident = h.u8<Attr::kNonResident>() != 0;
