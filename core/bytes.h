@@ -8,6 +8,49 @@
 
 namespace QORV {
 
+// N bytes of a view whose bounds were checked once, when the window was
+// taken: each read names a constant offset that the compiler checks against
+// N, so a header of fixed layout costs one check instead of one per field.
+template <size_t N>
+class FixedWindow {
+ public:
+  FixedWindow() = default;
+  template <size_t Off>
+  uint8_t u8() const {
+    static_assert(Off + 1 <= N, "read past the window");
+    return p_[Off];
+  }
+  template <size_t Off>
+  uint16_t le16() const {
+    static_assert(Off + 2 <= N, "read past the window");
+    return uint16_t(Le(Off, 2));
+  }
+  template <size_t Off>
+  uint32_t le32() const {
+    static_assert(Off + 4 <= N, "read past the window");
+    return uint32_t(Le(Off, 4));
+  }
+  template <size_t Off>
+  uint64_t le64() const {
+    static_assert(Off + 8 <= N, "read past the window");
+    return Le(Off, 8);
+  }
+
+ private:
+  friend class ByteView;
+  explicit FixedWindow(const uint8_t* p) : p_(p) {}
+  uint64_t Le(size_t off, size_t len) const {
+    uint64_t v = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    std::memcpy(&v, p_ + off, len);
+#else
+    for (size_t i = len; i-- > 0;) v = (v << 8) | p_[off + i];
+#endif
+    return v;
+  }
+  const uint8_t* p_ = nullptr;
+};
+
 class ByteView {
  public:
   ByteView() = default;
@@ -26,6 +69,14 @@ class ByteView {
   uint16_t be16(size_t off) const { return uint16_t(be(off, 2)); }
   uint32_t be32(size_t off) const { return uint32_t(be(off, 4)); }
   uint64_t be64(size_t off) const { return be(off, 8); }
+  // The N bytes at off as a window; false (and *out untouched) when they
+  // are not all inside the view.
+  template <size_t N>
+  bool Window(size_t off, FixedWindow<N>* out) const {
+    if (!Has(off, N)) return false;
+    *out = FixedWindow<N>(p_ + off);
+    return true;
+  }
   bool Equals(size_t off, const void* what, size_t len) const {
     return Has(off, len) && std::memcmp(p_ + off, what, len) == 0;
   }

@@ -87,30 +87,49 @@ api::status_t CFileSystemNtfs::DecodeRuns(const NtfsAttr& a, std::vector<NtfsRun
 
 // ---- Fix-up ----------------------------------------------------------------
 
-api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) {
+CNtfsFixup::CNtfsFixup(const char* magic) {
+  // The tag as the header's first four bytes read little-endian, so that one
+  // compare tells it.
+  magic_ = ByteView(magic, 4).le32(0);
+}
+
+namespace {
+
+// The fix-up itself, inline where every MFT record goes through it.
+inline api::status_t Fixup(uint32_t magic, uint8_t* unit, uint32_t size) {
   ByteView v(unit, size);
-  if (!v.Equals(Protected::kMagic, magic_, 4)) {
-    static const uint8_t kZero[8] = {};
-    return v.Equals(0, kZero, sizeof kZero) ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
-  }
-  uint32_t usa = v.le16(Protected::kUsaOffset), count = v.le16(Protected::kUsaCount);
-  uint32_t strides = size / Protected::kStride;
+  FixedWindow<Protected::kUsaCount + 2> h;
+  if (!v.Window(0, &h)) return api::ERR_INCONSISTENT;
+  if (h.le32<Protected::kMagic>() != magic) return h.le64<0>() == 0 ? kNtfsBlankUnit : api::ERR_INCONSISTENT;
+  const uint32_t usa = h.le16<Protected::kUsaOffset>(), count = h.le16<Protected::kUsaCount>();
+  const uint32_t strides = size / Protected::kStride;
   if (strides == 0 || count != strides + 1 || (usa & 1) || usa < 8 || !v.Has(usa, size_t(count) * 2))
     return api::ERR_INCONSISTENT;
-  uint16_t usn = v.le16(usa);
-  for (uint32_t i = 0; i < strides; ++i) {
-    size_t end = size_t(i + 1) * Protected::kStride - 2;
-    // The array itself must not lie in a stride's protected tail.
-    if (usa + 2 + i * 2 >= end && usa <= end + 1) return api::ERR_INCONSISTENT;
-    if (v.le16(end) != usn) return api::ERR_INCONSISTENT;
+  // The array holds the sequence number and then one entry per stride; it
+  // lies inside the unit (checked above), and so does each stride's tail.
+  // The array itself must not lie in a stride's protected tail; only one
+  // that reaches the first tail can.
+  if (usa + size_t(count) * 2 >= Protected::kStride) {
+    for (uint32_t i = 0; i < strides; ++i) {
+      size_t end = size_t(i + 1) * Protected::kStride - 2;
+      if (usa + 2 + i * 2 >= end && usa <= end + 1) return api::ERR_INCONSISTENT;
+    }
   }
-  for (uint32_t i = 0; i < strides; ++i) {
-    size_t end = size_t(i + 1) * Protected::kStride - 2;
-    unit[end] = unit[usa + 2 + i * 2];
-    unit[end + 1] = unit[usa + 3 + i * 2];
+  const uint8_t* saved = unit + usa;
+  uint8_t* const last = unit + size_t(strides) * Protected::kStride;
+  for (uint8_t* tail = unit + Protected::kStride - 2; tail < last; tail += Protected::kStride)
+    if (tail[0] != saved[0] || tail[1] != saved[1]) return api::ERR_INCONSISTENT;
+  for (uint8_t* tail = unit + Protected::kStride - 2; tail < last; tail += Protected::kStride) {
+    saved += 2;
+    tail[0] = saved[0];
+    tail[1] = saved[1];
   }
   return api::QORV_OK;
 }
+
+}  // namespace
+
+api::status_t CNtfsFixup::Check(uint64_t, uint8_t* unit, uint32_t size) { return Fixup(magic_, unit, size); }
 
 // ---- Read marking ------------------------------------------------------------
 
@@ -139,7 +158,7 @@ api::status_t CNtfsMarkingDevice::ReadBytes(uint64_t offset, void* buffer, uint3
 
 // ---- Attributes ------------------------------------------------------------
 
-static bool NameIs(const ByteView& name, const char* ascii) {
+bool NtfsNameIs(ByteView name, const char* ascii) {
   size_t n = std::strlen(ascii);
   if (name.Size() != n * 2) return false;
   for (size_t i = 0; i < n; ++i)
@@ -147,8 +166,6 @@ static bool NameIs(const ByteView& name, const char* ascii) {
   return true;
 }
 
-bool NtfsAttr::NameIs(const char* ascii) const { return QORV::NameIs(name, ascii); }
-bool NtfsAttrHead::NameIs(const char* ascii) const { return QORV::NameIs(name, ascii); }
 
 void NtfsAttrKey::Set(const NtfsAttr& a) {
   type = a.type;
@@ -158,58 +175,6 @@ void NtfsAttrKey::Set(const NtfsAttr& a) {
 
 bool NtfsAttrKey::Matches(uint32_t t, const ByteView& n) const {
   return t == type && n.Size() == size_t(nameLength) * 2 && (nameLength == 0 || n.Equals(0, name, n.Size()));
-}
-
-CNtfsAttrIter::CNtfsAttrIter(const ByteView& record) : rec_(record) {
-  pos_ = record.le16(Record::kAttrOffset);
-  end_ = std::min<size_t>(record.le32(Record::kBytesInUse), record.Size());
-}
-
-api::status_t CNtfsAttrIter::Skim(NtfsAttrHead* out) {
-  if (done_) return api::ERR_END_OF_DIR;
-  if (!rec_.Has(pos_, 4) || pos_ + 4 > end_) {
-    done_ = true;
-    return api::ERR_INCONSISTENT;
-  }
-  uint32_t type = rec_.le32(pos_ + Attr::kType);
-  if (type == Attr::kEnd) {
-    done_ = true;
-    return api::ERR_END_OF_DIR;
-  }
-  uint32_t length = rec_.le32(pos_ + Attr::kLength);
-  if (length < Attr::kResidentHeader || (length & 7) || length > end_ - pos_) {
-    done_ = true;
-    return api::ERR_INCONSISTENT;
-  }
-  ByteView a = rec_.Sub(pos_, length);
-  out->type = type;
-  out->at = uint32_t(pos_);
-  out->nonResident = a.u8(Attr::kNonResident) != 0;
-  out->lowestVcn = 0;
-  out->name = ByteView();
-  uint32_t nameLength = a.u8(Attr::kNameLength);
-  if (nameLength) {
-    out->name = a.Sub(a.le16(Attr::kNameOffset), size_t(nameLength) * 2);
-    if (!out->name.Data()) {
-      done_ = true;
-      return api::ERR_INCONSISTENT;
-    }
-  }
-  if (!out->nonResident) {
-    if (!a.Has(a.le16(Attr::kValueOffset), a.le32(Attr::kValueLength))) {
-      done_ = true;
-      return api::ERR_INCONSISTENT;
-    }
-  } else {
-    uint32_t pairs = a.le16(Attr::kPairsOffset);
-    if (length < Attr::kNonResidentHeader || pairs < Attr::kNonResidentHeader || pairs > length) {
-      done_ = true;
-      return api::ERR_INCONSISTENT;
-    }
-    out->lowestVcn = a.le64(Attr::kLowestVcn);
-  }
-  pos_ += length;
-  return api::QORV_OK;
 }
 
 api::status_t CNtfsAttrIter::Next(NtfsAttr* out) {
@@ -391,14 +356,16 @@ uint64_t CFileSystemNtfs::RecordRunBytes(uint64_t r) const {
 
 // The header fields every later parse relies on: where the attributes
 // start and how many bytes are in use, inside the record.
-static api::status_t CheckRecordHeader(const ByteView& v) {
-  uint32_t attrs = v.le16(Record::kAttrOffset), inUse = v.le32(Record::kBytesInUse);
+static inline api::status_t CheckRecordHeader(const ByteView& v) {
+  FixedWindow<Record::kBytesInUse + 4> h;
+  if (!v.Window(0, &h)) return api::ERR_INCONSISTENT;
+  uint32_t attrs = h.le16<Record::kAttrOffset>(), inUse = h.le32<Record::kBytesInUse>();
   if (attrs < Record::kMinAttrOffset || (attrs & 7) || inUse > v.Size() || attrs >= inUse) return api::ERR_INCONSISTENT;
   return api::QORV_OK;
 }
 
-api::status_t CFileSystemNtfs::CheckRecord(uint64_t offset, uint8_t* rec) {
-  QORV_TRY(fileFixup_.Check(offset, rec, geo_.recordSize));
+api::status_t CFileSystemNtfs::CheckRecord(uint64_t, uint8_t* rec) {
+  QORV_TRY(Fixup(fileFixup_.Magic(), rec, geo_.recordSize));
   return CheckRecordHeader(ByteView(rec, geo_.recordSize));
 }
 
@@ -599,15 +566,11 @@ api::status_t CNtfsMftReader::Fill(uint64_t r) {
   return api::QORV_OK;
 }
 
-api::status_t CNtfsMftReader::Record(uint64_t r, ByteView* out) {
-  *out = ByteView();
-  if (r < first_ || r >= first_ + count_) QORV_TRY(Fill(r));
+api::status_t CNtfsMftReader::Refill(uint64_t r, ByteView* out) {
+  if (r - first_ >= count_) QORV_TRY(Fill(r));
   if (single_) return fs_->ReadRecord(r, out);
-  const uint32_t size = fs_->Geometry().recordSize;
-  uint8_t* rec = piece_ + size_t(r - first_) * size;
-  QORV_TRY(fs_->CheckRecord(0, rec));
-  *out = ByteView(rec, size);
-  return api::QORV_OK;
+  // Fill took record r into the piece.
+  return Record(r, out);
 }
 
 }  // namespace QORV

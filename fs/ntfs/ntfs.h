@@ -4,6 +4,7 @@
 // through one device wrapper that marks the clusters it touches once the
 // scan has a used-block bitmap.
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -49,13 +50,14 @@ constexpr api::status_t kNtfsBlankUnit = api::ERR_END_OF_DIR;
 // The update-sequence fix-up of FILE, INDX and RSTR records: 512-byte
 // strides whose last two bytes must hold the sequence number; they are put
 // back from the array. A wrong magic or a mismatch rejects the unit.
-class CNtfsFixup : public IUnitCheck {
+class CNtfsFixup final : public IUnitCheck {
  public:
-  explicit CNtfsFixup(const char* magic) : magic_(magic) {}
+  explicit CNtfsFixup(const char* magic);  // four characters
   api::status_t Check(uint64_t offset, uint8_t* unit, uint32_t size) override;
+  uint32_t Magic() const { return magic_; }
 
  private:
-  const char* magic_;  // four characters
+  uint32_t magic_;
 };
 
 // Read marking: passes every call down and, while a bitmap is attached,
@@ -109,6 +111,10 @@ struct NtfsGeometry {
   uint64_t clusterCount = 0;
 };
 
+// Whether a UTF-16LE attribute name is the ASCII text given. The name is
+// taken by value, so that asking leaves the attribute where it is.
+bool NtfsNameIs(ByteView name, const char* ascii);
+
 // One attribute record, as parsed from its header; views point into the
 // record that holds it.
 struct NtfsAttr {
@@ -123,7 +129,7 @@ struct NtfsAttr {
   ByteView pairs;  // non-resident
   ByteView raw;    // the whole attribute record
   uint32_t valueOffset = 0;
-  bool NameIs(const char* ascii) const;
+  bool NameIs(const char* ascii) const { return NtfsNameIs(name, ascii); }
   // The display name of a $FILE_NAME attribute, in UTF-8: false when it is
   // not resident, too short for its fixed part, or a DOS-only name.
   bool DisplayName(char* out, size_t cap) const;
@@ -137,7 +143,7 @@ struct NtfsAttrHead {
   bool nonResident = false;
   uint64_t lowestVcn = 0;
   ByteView name;  // UTF-16LE
-  bool NameIs(const char* ascii) const;
+  bool NameIs(const char* ascii) const { return NtfsNameIs(name, ascii); }
 };
 
 // Walks the attributes of one fixed-up MFT record, every length and offset
@@ -155,11 +161,64 @@ class CNtfsAttrIter {
   api::status_t Skim(NtfsAttrHead* out);
 
  private:
-  ByteView rec_;
+  ByteView rec_;  // the bytes in use
   size_t pos_ = 0;
-  size_t end_ = 0;
   bool done_ = false;
 };
+
+// Inline: the record walk skims every attribute of every record. The view
+// is cut to the bytes in use, so that checking a read against the view
+// checks it against them too.
+inline CNtfsAttrIter::CNtfsAttrIter(const ByteView& record) {
+  FixedWindow<ntfs::Record::kBytesInUse + 4> h;
+  if (!record.Window(0, &h)) return;  // no attribute fits: the first Skim says so
+  pos_ = h.le16<ntfs::Record::kAttrOffset>();
+  rec_ = record.Sub(0, std::min<size_t>(h.le32<ntfs::Record::kBytesInUse>(), record.Size()));
+}
+
+[[gnu::always_inline]] inline api::status_t CNtfsAttrIter::Skim(NtfsAttrHead* out) {
+  using ntfs::Attr;
+  if (done_) return api::ERR_END_OF_DIR;
+  done_ = true;  // until this attribute proves whole
+  // Every attribute has the common header; its offsets are checked against
+  // its own length, which lies inside the bytes in use. Only the end marker
+  // may sit closer to the end than a header's size.
+  FixedWindow<Attr::kResidentHeader> h;
+  if (!rec_.Window(pos_, &h)) {
+    FixedWindow<4> t;
+    return rec_.Window(pos_, &t) && t.le32<Attr::kType>() == Attr::kEnd ? api::ERR_END_OF_DIR
+                                                                        : api::ERR_INCONSISTENT;
+  }
+  const uint32_t type = h.le32<Attr::kType>();
+  if (type == Attr::kEnd) return api::ERR_END_OF_DIR;
+  // At least the header, whole 8-byte units, inside the bytes in use: the
+  // header's size is such a unit, so one subtraction checks the first two.
+  const uint32_t length = h.le32<Attr::kLength>();
+  const uint64_t beyond = uint64_t(length) - Attr::kResidentHeader;  // huge when shorter
+  if ((beyond & 7) || beyond > rec_.Size() - pos_ - Attr::kResidentHeader) return api::ERR_INCONSISTENT;
+  out->type = type;
+  out->at = uint32_t(pos_);
+  out->nonResident = h.u8<Attr::kNonResident>() != 0;
+  out->lowestVcn = 0;
+  out->name = ByteView();
+  if (const uint32_t nameLength = h.u8<Attr::kNameLength>()) {
+    const uint32_t nameOffset = h.le16<Attr::kNameOffset>();
+    if (nameOffset + nameLength * 2 > length) return api::ERR_INCONSISTENT;
+    out->name = rec_.Sub(pos_ + nameOffset, size_t(nameLength) * 2);
+  }
+  if (!out->nonResident) {
+    if (uint64_t(h.le16<Attr::kValueOffset>()) + h.le32<Attr::kValueLength>() > length) return api::ERR_INCONSISTENT;
+  } else {
+    FixedWindow<Attr::kNonResidentHeader> n;
+    if (length < Attr::kNonResidentHeader || !rec_.Window(pos_, &n)) return api::ERR_INCONSISTENT;
+    const uint32_t pairs = n.le16<Attr::kPairsOffset>();
+    if (pairs < Attr::kNonResidentHeader || pairs > length) return api::ERR_INCONSISTENT;
+    out->lowestVcn = n.le64<Attr::kLowestVcn>();
+  }
+  pos_ += length;
+  done_ = false;
+  return api::QORV_OK;
+}
 
 // An attribute's identity: type and name (at most 255 UTF-16 units).
 struct NtfsAttrKey {
@@ -327,16 +386,21 @@ class CDirNtfs {
 // costs only the records in it.
 class CNtfsMftReader : public api::base_noncopyable {
  public:
-  static constexpr uint32_t kPieceBytes = 1u << 20;
+  // Small enough that a piece is still in the core's own cache when its
+  // records are parsed, right after the read copied it there; large enough
+  // that the calls stay few (one per 128 records of 1 KiB).
+  static constexpr uint32_t kPieceBytes = 1u << 17;
 
   explicit CNtfsMftReader(CFileSystemNtfs* fs) : fs_(fs) {}
   ~CNtfsMftReader();
   // Record r (taken in ascending order), fixed up; the view lasts until the
-  // next call. A failure concerns record r alone.
+  // next call. A failure concerns record r alone. Inline: it runs once per
+  // record of the volume.
   api::status_t Record(uint64_t r, ByteView* out);
 
  private:
   api::status_t Fill(uint64_t r);
+  api::status_t Refill(uint64_t r, ByteView* out);
 
   CFileSystemNtfs* fs_;
   uint8_t* piece_ = nullptr;
@@ -436,5 +500,15 @@ class CFileSystemNtfs : public api::base_noncopyable {
   uint8_t* work_ = nullptr;  // twice the record size
   uint8_t* unit_ = nullptr;  // max(record size, cluster size)
 };
+
+inline api::status_t CNtfsMftReader::Record(uint64_t r, ByteView* out) {
+  *out = ByteView();
+  if (r - first_ >= count_ || single_) return Refill(r, out);
+  const uint32_t size = fs_->Geometry().recordSize;
+  uint8_t* rec = piece_ + size_t(r - first_) * size;
+  QORV_TRY(fs_->CheckRecord(0, rec));
+  *out = ByteView(rec, size);
+  return api::QORV_OK;
+}
 
 }  // namespace QORV

@@ -89,6 +89,8 @@ class NtfsScan {
   // more is walked a second time.
   static constexpr size_t kKeptAttrs = 16;
   api::status_t Include(CFileNtfs& file, uint64_t r, api::status_t readStatus, const ByteView& rec, bool data);
+  [[gnu::noinline]] api::status_t IncludeKept(CFileNtfs& file, uint64_t r, const ByteView& rec, bool data,
+                                              api::status_t s, size_t kept, bool listed, bool overflow);
   api::status_t Attribute(CFileNtfs& file, uint64_t r, const NtfsAttr& a, bool data, Walk& w);
   api::status_t WalkExtend(uint32_t* counter);
 
@@ -164,8 +166,7 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
 
   // One pass over the record's attribute headers finds its attribute list,
   // if it has one, and where the few attributes are that the walk acts on.
-  // Without a list (nearly every record) only those are parsed in full.
-  Walk w;
+  // Most records hold none of either: the pass is all they cost.
   size_t kept = 0;
   bool overflow = false, listed = false;
   CNtfsAttrIter it(file.Bytes());
@@ -176,14 +177,27 @@ api::status_t NtfsScan::Include(CFileNtfs& file, uint64_t r, api::status_t readS
       listed = true;
       break;
     }
-    if (!(head.type == kFileName && verbose_) && !Marked(r, head, data)) continue;
-    if (!head.nonResident || head.lowestVcn == 0) {
-      if (kept < kKeptAttrs)
-        kept_[kept++] = head.at;
-      else
-        overflow = true;
-    }
+    if (head.nonResident ? !Marked(r, head, data) : !(head.type == kFileName && verbose_)) continue;
+    if (kept < kKeptAttrs)
+      kept_[kept++] = head.at;
+    else
+      overflow = true;
   }
+  if (kept == 0 && !listed && !overflow) {
+    if (s == api::ERR_END_OF_DIR) return api::QORV_OK;
+    fs_->Problem("record 0x%llx: an attribute's length or offsets run past the record", (unsigned long long)r);
+    ++tally_;
+    return s;
+  }
+  return IncludeKept(file, r, rec, data, s, kept, listed, overflow);
+}
+
+// The rest of a record's walk, for one whose pass found attributes to act
+// on or an attribute list.
+api::status_t NtfsScan::IncludeKept(CFileNtfs& file, uint64_t r, const ByteView& rec, bool data, api::status_t s,
+                                    size_t kept, bool listed, bool overflow) {
+  Walk w;
+  // Without a list only the attributes kept are parsed in full.
   if (!listed && !overflow) {
     for (size_t i = 0; i < kept; ++i) {
       NtfsAttr a;
