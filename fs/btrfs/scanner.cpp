@@ -6,7 +6,6 @@
 // reads and checks, which is the one parsed.
 #include <algorithm>
 #include <new>
-#include <utility>
 #include <vector>
 
 #include "core/scan/session.h"
@@ -45,6 +44,8 @@ const char* KeyTypeName(uint8_t type) {
 constexpr uint32_t kRunBytes = 1u << 20;
 // How far ahead of the reads the device is told what comes next.
 constexpr uint64_t kAheadBytes = 16u << 20;
+// The sort key of a node that no chunk maps.
+constexpr uint64_t kUnmapped = UINT64_MAX >> 8;
 
 class CBtrFsScan : public ITreeVisitor {
  public:
@@ -84,12 +85,11 @@ class CBtrFsScan : public ITreeVisitor {
   api::IMessage* trace_;  // node trace for diagnostics; null in normal use
   bool chunkTree_ = false;
   const char* tree_ = "";
-  std::vector<std::pair<uint64_t, WalkNode>> sorted_;  // the round by first copy
-  std::vector<Span> spans_;                            // the round's reads, in address order
-  size_t span_ = 0;                                    // the first span not yet passed
-  size_t hinted_ = 0;                                  // the first span not yet announced
-  uint8_t* buf_ = nullptr;                             // kRunBytes
-  uint64_t bufStart_ = 0, bufEnd_ = 0;                 // the bytes buf_ holds
+  std::vector<Span> spans_;             // the round's reads, in address order
+  size_t span_ = 0;                     // the first span not yet passed
+  size_t hinted_ = 0;                   // the first span not yet announced
+  uint8_t* buf_ = nullptr;              // kRunBytes
+  uint64_t bufStart_ = 0, bufEnd_ = 0;  // the bytes buf_ holds
 };
 
 bool CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level) {
@@ -103,23 +103,23 @@ bool CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint
 
 // The round goes in the order of its first copies on the device, so that
 // neighbours are read together whichever trees they belong to; nodes that
-// do not translate come last and are reported as they are visited.
+// do not translate come last and are reported as they are visited. The
+// first copy's sector rides in each node's word above its level, so the
+// round sorts in place, whatever its width.
 void CBtrFsScan::Order(WalkNode* nodes, size_t count) {
-  sorted_.clear();
+  const uint32_t shift = sb_.BlockShift();
   for (size_t i = 0; i < count; ++i) {
     uint64_t copies[CBtrFsChunkMap::kMaxCopies];
     CBtrFsChunkMap::Miss miss;
-    const bool mapped = fs_.Chunks().Copies(nodes[i].address << sb_.BlockShift(), sb_.nodeSize, copies, &miss);
-    sorted_.emplace_back(mapped ? copies[0] : UINT64_MAX, nodes[i]);
+    const bool mapped = fs_.Chunks().Copies(nodes[i].address << shift, sb_.nodeSize, copies, &miss);
+    nodes[i].aux = (mapped ? copies[0] >> shift : kUnmapped) << 8 | (nodes[i].aux & 0xFF);
   }
-  std::sort(sorted_.begin(), sorted_.end(), [](const auto& a, const auto& b) {
-    return a.first != b.first ? a.first < b.first : a.second.address < b.second.address;
+  std::sort(nodes, nodes + count, [](const WalkNode& a, const WalkNode& b) {
+    return a.aux != b.aux ? a.aux < b.aux : a.address < b.address;
   });
   spans_.clear();
-  for (size_t i = 0; i < count; ++i) {
-    nodes[i] = sorted_[i].second;
-    const uint64_t at = sorted_[i].first;
-    if (at == UINT64_MAX) continue;
+  for (size_t i = 0; i < count && nodes[i].aux >> 8 != kUnmapped; ++i) {
+    const uint64_t at = (nodes[i].aux >> 8) << shift;
     Span* last = spans_.empty() ? nullptr : &spans_.back();
     if (last && at <= last->end && at - last->start <= kRunBytes - sb_.nodeSize) {
       last->end = std::max(last->end, at + sb_.nodeSize);
@@ -167,7 +167,7 @@ status_t CBtrFsScan::WalkTree(const char* stage, const char* tree, uint64_t logi
 
 status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
   const uint64_t logical = wn.address << sb_.BlockShift();
-  const uint32_t level = uint32_t(wn.aux);
+  const uint32_t level = uint32_t(wn.aux & 0xFF);
   const uint32_t shift = sb_.BlockShift(), sectors = sb_.nodeSize >> shift;
   uint64_t copies[CBtrFsChunkMap::kMaxCopies];
   CBtrFsChunkMap::Miss miss;
