@@ -3,7 +3,11 @@
 // tree with the log trees. Leaves are kept as nodes; the file data they
 // describe never is. Of a node's copies on this device (DUP and mirrored
 // metadata) the first is kept, and the next ones only up to the first that
-// reads and checks, which is the one parsed.
+// reads and checks, which is the one parsed. A tree is walked a round at a
+// time (the nodes its last round pointed to), each round in the order of
+// its nodes on the device, adjacent ones read together: the trees' nodes
+// lie interleaved, so a parent's children are seldom neighbours, but a
+// round's often are.
 #include <algorithm>
 #include <new>
 #include <vector>
