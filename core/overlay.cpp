@@ -39,10 +39,13 @@ status_t CRWBlockMemMdSnap::ReadBytes(uint64_t offset, void* buffer, uint32_t co
 // as it always was.
 status_t CRWBlockMemMdSnap::ReadBelow(uint64_t offset, uint8_t* out, uint32_t count, uint32_t flags) {
   if (!lower_) return ERR_IO_RANGE;
-  if (quiet_ && out && flags == 0 && count > kSector - offset % kSector) {
+  if (quiet_ && out && (flags & ~READ_QUIET) == 0 && count > kSector - offset % kSector) {
     uint64_t size = lower_->GetSize();
     if (offset <= size && count <= size - offset && quiet_->ReadAll(offset, out, count)) return QORV_OK;
+    if (flags & READ_QUIET) return ERR_SHORT_IO;
   }
+  // The wrapped device keeps a quiet read quiet itself.
+  if (flags & READ_QUIET) return lower_->ReadBytes(offset, out, count, flags);
   while (count) {
     uint32_t piece = std::min<uint32_t>(kSector - uint32_t(offset % kSector), count);
     QORV_TRY(lower_->ReadBytes(offset, out, piece, flags));

@@ -19,6 +19,9 @@ class base_noncopyable {
 // ReadBytes flags.
 constexpr uint32_t READ_NO_DATA = 1u << 30;  // range check only
 constexpr uint32_t READ_VERIFY = 1u << 29;   // verify, no copy
+// A failure is returned but not reported: the caller reads the range again
+// in smaller pieces to learn which part failed, and that read reports it.
+constexpr uint32_t READ_QUIET = 1u << 28;
 // WriteBytes flags.
 constexpr int32_t WRITE_ZEROS = INT32_MIN;   // bit 31: buffer ignored, zeros written
 

@@ -17,18 +17,33 @@ CTreeWalk::Push CTreeWalk::Add(uint64_t address, uint64_t aux) {
   return Push::kQueued;
 }
 
+api::status_t CTreeWalk::VisitOne(ITreeVisitor& visitor, const WalkNode& node) {
+  QORV_TRY(memory_);
+  QORV_TRY(session_.Poll());
+  ++visits_;
+  if (node.depth > deepest_) deepest_ = node.depth;
+  childDepth_ = node.depth + 1;
+  api::status_t s = visitor.Visit(node, *this);
+  childDepth_ = 0;
+  return s;
+}
+
 api::status_t CTreeWalk::Run(ITreeVisitor& visitor) {
   while (!stack_.empty()) {
-    QORV_TRY(memory_);
-    QORV_TRY(session_.Poll());
     WalkNode node = stack_.back();
     stack_.pop_back();
-    ++visits_;
-    if (node.depth > deepest_) deepest_ = node.depth;
-    childDepth_ = node.depth + 1;
-    api::status_t s = visitor.Visit(node, *this);
-    childDepth_ = 0;
-    QORV_TRY(s);
+    QORV_TRY(VisitOne(visitor, node));
+  }
+  return memory_;
+}
+
+api::status_t CTreeWalk::RunRounds(ITreeVisitor& visitor) {
+  std::vector<WalkNode> round;
+  while (!stack_.empty()) {
+    round.swap(stack_);
+    stack_.clear();
+    visitor.Order(round.data(), round.size());
+    for (const WalkNode& node : round) QORV_TRY(VisitOne(visitor, node));
   }
   return memory_;
 }

@@ -4,6 +4,7 @@
 // cycles and shared nodes are read once; a depth bound that only hostile
 // input ever reaches.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -26,6 +27,12 @@ class ITreeVisitor {
   // this node alone is counted in the session and answered with 0; any
   // other status ends the walk.
   virtual api::status_t Visit(const WalkNode& node, CTreeWalk& walk) = 0;
+  // Walks in rounds only: puts one round's nodes in the order they are
+  // visited (by disk address, say, so that neighbours are read together).
+  virtual void Order(WalkNode* nodes, size_t count) {
+    (void)nodes;
+    (void)count;
+  }
 
  protected:
   ~ITreeVisitor() = default;
@@ -52,10 +59,16 @@ class CTreeWalk : public api::base_noncopyable {
 
   // Visits queued nodes until none is left; polls the session per node.
   api::status_t Run(ITreeVisitor& visitor);
+  // The same nodes in rounds instead of depth first: every node queued so
+  // far is ordered by the visitor and visited, and the children those
+  // visits queue make the next round. The queue grows with a tree's width.
+  api::status_t RunRounds(ITreeVisitor& visitor);
   uint64_t Visited() const { return visits_; }
   uint32_t MaxDepthReached() const { return deepest_; }
 
  private:
+  api::status_t VisitOne(ITreeVisitor& visitor, const WalkNode& node);
+
   CScanSession& session_;
   CVisitedSet visited_;
   const char* what_;

@@ -308,6 +308,21 @@ status_t CBtrFsFileSystem::ReadNode(uint64_t logical, uint32_t level, uint64_t p
     *why = reader_.Stats().rejected != rejectedBefore ? check_.why : "read failed";
     return s;
   }
+  return ParseNode(logical, level, view, out, why);
+}
+
+status_t CBtrFsFileSystem::CheckNode(uint64_t logical, uint32_t level, uint8_t* bytes, CBtrFsNode* out,
+                                     const char** why) {
+  status_t s = check_.Check(0, bytes, sb_.nodeSize);
+  if (s != api::QORV_OK) {
+    *why = check_.why;
+    return s;
+  }
+  return ParseNode(logical, level, ByteView(bytes, sb_.nodeSize), out, why);
+}
+
+status_t CBtrFsFileSystem::ParseNode(uint64_t logical, uint32_t level, ByteView view, CBtrFsNode* out,
+                                     const char** why) {
   if (view.le64(hdr::kBytenr) != logical) {
     *why = "node header names another address";
     return api::ERR_INCONSISTENT;
@@ -316,7 +331,7 @@ status_t CBtrFsFileSystem::ReadNode(uint64_t logical, uint32_t level, uint64_t p
     *why = "node level differs from what its parent says";
     return api::ERR_INCONSISTENT;
   }
-  s = out->Parse(view);
+  status_t s = out->Parse(view);
   if (s != api::QORV_OK) *why = out->Why();
   return s;
 }

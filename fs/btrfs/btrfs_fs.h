@@ -126,6 +126,9 @@ class CBtrFsFileSystem : public CUnixFileSystem {
   // `physical` and checked. The node stays valid until the next read. On
   // failure *why says what was wrong.
   api::status_t ReadNode(uint64_t logical, uint32_t level, uint64_t physical, CBtrFsNode* out, const char** why);
+  // The same checks on a node the caller read itself (`bytes` holds
+  // nodeSize bytes and stays the caller's).
+  api::status_t CheckNode(uint64_t logical, uint32_t level, uint8_t* bytes, CBtrFsNode* out, const char** why);
   const CBlockReader::Counters& ReadStats() const { return reader_.Stats(); }
 
  private:
@@ -135,6 +138,9 @@ class CBtrFsFileSystem : public CUnixFileSystem {
     const CBtrFsSuperBlock* sb = nullptr;
     const char* why = "";
   };
+  // Address, level and item bounds of a node that passed the check.
+  api::status_t ParseNode(uint64_t logical, uint32_t level, ByteView view, CBtrFsNode* out, const char** why);
+
   CBtrFsSuperBlock sb_;
   CBtrFsChunkMap chunks_;
   CBlockReader reader_;

@@ -3,9 +3,14 @@
 // tree with the log trees. Leaves are kept as nodes; the file data they
 // describe never is. Of a node's copies on this device (DUP and mirrored
 // metadata) the first is kept, and the next ones only up to the first that
-// reads and checks, which is the one parsed.
+// reads and checks, which is the one parsed. A tree is walked a round at a
+// time (the nodes its last round pointed to), each round in the order of
+// its nodes on the device, adjacent ones read together: the trees' nodes
+// lie interleaved, so a parent's children are seldom neighbours, but a
+// round's often are.
 #include <algorithm>
 #include <new>
+#include <vector>
 
 #include "core/scan/session.h"
 #include "core/scan/tree_walk.h"
@@ -37,23 +42,41 @@ const char* KeyTypeName(uint8_t type) {
   return "UNKNOWN_TYPE";
 }
 
+// A round's adjacent nodes are read together, up to this many bytes at
+// once (the one buffer the scan holds beyond the node cache). Only nodes
+// are read: joining across a gap of a node or two saved no time.
+constexpr uint32_t kRunBytes = 1u << 20;
+// How far ahead of the reads the device is told what comes next.
+constexpr uint64_t kAheadBytes = 16u << 20;
+// The sort key of a node that no chunk maps.
+constexpr uint64_t kUnmapped = UINT64_MAX >> 8;
+
 class CBtrFsScan : public ITreeVisitor {
  public:
   CBtrFsScan(CBtrFsFileSystem& fs, CScanSession& session, api::IMessage* trace)
       : fs_(fs), sb_(fs.Sb()), session_(session), walk_(session, "btrfs tree", kMaxWalkDepth), trace_(trace) {}
+  ~CBtrFsScan() {
+    if (buf_) session_.Mem()->Free(buf_);
+  }
 
   status_t Run();
   status_t Visit(const WalkNode& node, CTreeWalk& walk) override;
+  void Order(WalkNode* nodes, size_t count) override;
 
  private:
+  // Adjacent nodes of one round, read with one call.
+  struct Span {
+    uint64_t start, end;
+    uint32_t nodes;
+    bool failed;
+  };
   // Walks one tree from its root; the walk's visited set spans all trees.
   status_t WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level);
   // True when the node is new to the walk.
   bool Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level);
-  // Tells the device which of the children just queued are read next, in
-  // address order, adjacent ones as one range: where the volume is not yet
-  // in memory the system fetches them side by side.
-  void Announce(uint32_t count);
+  // The first copy's bytes when they belong to a span of the round, read
+  // with that span; null when the node is to be read on its own.
+  uint8_t* FromSpan(uint64_t physical);
   // Stage lines are detail: only --verbose shows them.
   void Stage(const char* text) {
     if (session_.Msg() && session_.Env()->verbose) session_.Msg()->Trace(2, "%s", text);
@@ -66,7 +89,11 @@ class CBtrFsScan : public ITreeVisitor {
   api::IMessage* trace_;  // node trace for diagnostics; null in normal use
   bool chunkTree_ = false;
   const char* tree_ = "";
-  uint64_t soon_[(kMaxNodeSize - hdr::kBytes) / kpf::kBytes];  // first copies of the children being queued
+  std::vector<Span> spans_;             // the round's reads, in address order
+  size_t span_ = 0;                     // the first span not yet passed
+  size_t hinted_ = 0;                   // the first span not yet announced
+  uint8_t* buf_ = nullptr;              // kRunBytes
+  uint64_t bufStart_ = 0, bufEnd_ = 0;  // the bytes buf_ holds
 };
 
 bool CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint32_t level) {
@@ -78,26 +105,73 @@ bool CBtrFsScan::Queue(const char* tree, uint64_t parent, uint64_t logical, uint
   return walk_.Add(logical >> sb_.BlockShift(), level) == CTreeWalk::Push::kQueued;
 }
 
-void CBtrFsScan::Announce(uint32_t count) {
-  std::sort(soon_, soon_ + count);
-  for (uint32_t i = 0; i < count;) {
-    uint32_t j = i + 1;
-    while (j < count && soon_[j] == soon_[j - 1] + sb_.nodeSize) ++j;
-    session_.Device()->WillNeed(soon_[i], uint64_t(j - i) * sb_.nodeSize);
-    i = j;
+// The round goes in the order of its first copies on the device, so that
+// neighbours are read together whichever trees they belong to; nodes that
+// do not translate come last and are reported as they are visited. The
+// first copy's sector rides in each node's word above its level, so the
+// round sorts in place, whatever its width.
+void CBtrFsScan::Order(WalkNode* nodes, size_t count) {
+  const uint32_t shift = sb_.BlockShift();
+  for (size_t i = 0; i < count; ++i) {
+    uint64_t copies[CBtrFsChunkMap::kMaxCopies];
+    CBtrFsChunkMap::Miss miss;
+    const bool mapped = fs_.Chunks().Copies(nodes[i].address << shift, sb_.nodeSize, copies, &miss);
+    nodes[i].aux = (mapped ? copies[0] >> shift : kUnmapped) << 8 | (nodes[i].aux & 0xFF);
   }
+  std::sort(nodes, nodes + count, [](const WalkNode& a, const WalkNode& b) {
+    return a.aux != b.aux ? a.aux < b.aux : a.address < b.address;
+  });
+  spans_.clear();
+  for (size_t i = 0; i < count && nodes[i].aux >> 8 != kUnmapped; ++i) {
+    const uint64_t at = (nodes[i].aux >> 8) << shift;
+    Span* last = spans_.empty() ? nullptr : &spans_.back();
+    if (last && at <= last->end && at - last->start <= kRunBytes - sb_.nodeSize) {
+      last->end = std::max(last->end, at + sb_.nodeSize);
+      ++last->nodes;
+    } else {
+      spans_.push_back(Span{at, at + sb_.nodeSize, 1, false});
+    }
+  }
+  span_ = hinted_ = 0;
+  bufStart_ = bufEnd_ = 0;
+}
+
+uint8_t* CBtrFsScan::FromSpan(uint64_t physical) {
+  if (physical >= bufStart_ && physical < bufEnd_ && bufEnd_ - physical >= sb_.nodeSize)
+    return buf_ + (physical - bufStart_);
+  while (span_ < spans_.size() && spans_[span_].end <= physical) ++span_;
+  // Where the volume is not yet in memory the system fetches the spans
+  // ahead while the ones here are checked; a bounded distance, so that
+  // what it fetches is still there when its turn comes.
+  for (; hinted_ < spans_.size() &&
+         (spans_[hinted_].start <= physical || spans_[hinted_].start - physical < kAheadBytes);
+       ++hinted_)
+    session_.Device()->WillNeed(spans_[hinted_].start, spans_[hinted_].end - spans_[hinted_].start);
+  if (span_ == spans_.size()) return nullptr;
+  Span& sp = spans_[span_];
+  // A span of one node, or one whose joined read failed: each node is read
+  // alone, so that a failure is reported for that node as it always was.
+  if (sp.nodes < 2 || sp.failed || physical < sp.start || sp.end - physical < sb_.nodeSize) return nullptr;
+  if (session_.Device()->ReadBytes(sp.start, buf_, uint32_t(sp.end - sp.start), api::READ_QUIET) != api::QORV_OK) {
+    sp.failed = true;
+    bufStart_ = bufEnd_ = 0;
+    return nullptr;
+  }
+  bufStart_ = sp.start;
+  bufEnd_ = sp.end;
+  return buf_ + (physical - bufStart_);
 }
 
 status_t CBtrFsScan::WalkTree(const char* stage, const char* tree, uint64_t logical, uint8_t level) {
   Stage(stage);
   tree_ = tree;
   Queue(tree, 0, logical, level);
-  return walk_.Run(*this);
+  return walk_.RunRounds(*this);
 }
 
 status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
   const uint64_t logical = wn.address << sb_.BlockShift();
-  const uint32_t level = uint32_t(wn.aux);
+  const uint32_t level = uint32_t(wn.aux & 0xFF);
   const uint32_t shift = sb_.BlockShift(), sectors = sb_.nodeSize >> shift;
   uint64_t copies[CBtrFsChunkMap::kMaxCopies];
   CBtrFsChunkMap::Miss miss;
@@ -118,7 +192,9 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
   status_t s = api::ERR_INCONSISTENT;
   for (uint32_t i = 0; i < count && s != api::QORV_OK; ++i) {
     session_.Mark(copies[i] >> shift, sectors, "btrfs tree node");
-    s = fs_.ReadNode(logical, level, copies[i], &node, &why);
+    uint8_t* bytes = i == 0 ? FromSpan(copies[0]) : nullptr;
+    s = bytes ? fs_.CheckNode(logical, level, bytes, &node, &why)
+              : fs_.ReadNode(logical, level, copies[i], &node, &why);
     if (s == api::ERR_DEVICE_GONE) return s;
   }
   if (s != api::QORV_OK) {
@@ -129,14 +205,10 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
   if (trace_)
     trace_->Trace(2, "\n> Mark block %llx -> lvl = %x, %x items", (unsigned long long)(copies[0] >> shift),
                   node.Level(), node.Items());
-  // Children are queued last first, so they are visited in item order.
-  uint32_t soon = 0;
-  for (uint32_t i = node.Items(); i-- > 0;) {
+  for (uint32_t i = 0; i < node.Items(); ++i) {
     if (node.Level() > 0) {
       const uint64_t child = node.ChildAt(i);
-      uint64_t at[CBtrFsChunkMap::kMaxCopies];
-      if (Queue(tree_, logical, child, node.Level() - 1u) && fs_.Chunks().Copies(child, sb_.nodeSize, at, &miss))
-        soon_[soon++] = at[0];
+      Queue(tree_, logical, child, node.Level() - 1u);
       if (trace_) {
         uint64_t phys = 0, run = 0;
         fs_.Chunks().Translate(child, &phys, &run);
@@ -169,7 +241,6 @@ status_t CBtrFsScan::Visit(const WalkNode& wn, CTreeWalk&) {
     }
     Queue(tree_, logical, item.le64(rootf::kBytenr), rootLevel);
   }
-  Announce(soon);
   return api::QORV_OK;
 }
 
@@ -177,6 +248,8 @@ status_t CBtrFsScan::Run() {
   // The primary superblock; the mirrors are left out.
   const uint64_t first = kSuperOffset >> sb_.BlockShift();
   session_.Mark(first, (kSuperBytes + sb_.BlockSize() - 1) >> sb_.BlockShift(), "superblock");
+  buf_ = static_cast<uint8_t*>(session_.Mem()->Allocate(kRunBytes, 0));
+  if (!buf_) return api::ERR_NO_MEMORY;
   if (!sb_.csumKnown)
     session_.Problem("superblock: checksum type %u unknown, nodes taken unchecked", sb_.csumType);
   // The chunk tree lives in system chunks, which the superblock's array maps;

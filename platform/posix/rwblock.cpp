@@ -251,6 +251,7 @@ status_t CQORV_RWBlock::ReadBytes(uint64_t offset, void* buffer, uint32_t count,
   }
   ssize_t got = ::pread(fd_, out, count, off_t(offset));
   if (got == ssize_t(count)) return QORV_OK;
+  if (flags & READ_QUIET) return ERR_SHORT_IO;
   if ((flags & READ_VERIFY) && got < 0) return ERR_IO_RANGE;
   // Some devices refuse unaligned transfers: go by aligned pieces.
   return ReadByAlignedPieces(offset, out, count, size_, PieceRead(fd_),

@@ -212,6 +212,7 @@ status_t CQORV_RWBlock::ReadBytes(uint64_t offset, void* buffer, uint32_t count,
   }
   int err = 0;
   if (sys_->ReadAt(fd_, out, count, offset, &err) == int64_t(count)) return QORV_OK;
+  if (flags & READ_QUIET) return ERR_SHORT_IO;
   // A volume handle refuses unaligned transfers: go by aligned pieces.
   return ReadByAlignedPieces(
       offset, out, count, size_,

@@ -113,4 +113,11 @@ TEST(Overlay, BadSectorInALargeReadFailsAsSectorBySector) {
   // A range past the end is not tried quietly; the device refuses it as before.
   EXPECT_EQ(overlay.ReadBytes(60 * 1024, b.data(), 8192, 0), api::ERR_IO_RANGE);
   EXPECT_EQ(merged.quietReads, 1u);
+  // Asked to stay quiet, the overlay fails with no report and no reads by
+  // sectors: the caller reads the range again in pieces.
+  const uint64_t reads = merged.reads;
+  EXPECT_NE(overlay.ReadBytes(1000, b.data(), uint32_t(b.size()), api::READ_QUIET), api::QORV_OK);
+  EXPECT_EQ(merged.log.size(), 1u);
+  EXPECT_EQ(merged.reads, reads);
+  EXPECT_EQ(merged.quietReads, 2u);
 }
