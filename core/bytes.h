@@ -8,6 +8,18 @@
 
 namespace QORV {
 
+// len (at most 8) bytes at p as a little-endian number: one load where the
+// machine's own order is little-endian.
+inline uint64_t LoadLe(const uint8_t* p, size_t len) {
+  uint64_t v = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  std::memcpy(&v, p, len);
+#else
+  for (size_t i = len; i-- > 0;) v = (v << 8) | p[i];
+#endif
+  return v;
+}
+
 // N bytes of a view whose bounds were checked once, when the window was
 // taken: each read names a constant offset that the compiler checks against
 // N, so a header of fixed layout costs one check instead of one per field.
@@ -39,15 +51,7 @@ class FixedWindow {
  private:
   friend class ByteView;
   explicit FixedWindow(const uint8_t* p) : p_(p) {}
-  uint64_t Le(size_t off, size_t len) const {
-    uint64_t v = 0;
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    std::memcpy(&v, p_ + off, len);
-#else
-    for (size_t i = len; i-- > 0;) v = (v << 8) | p_[off + i];
-#endif
-    return v;
-  }
+  uint64_t Le(size_t off, size_t len) const { return LoadLe(p_ + off, len); }
   const uint8_t* p_ = nullptr;
 };
 
@@ -84,14 +88,7 @@ class ByteView {
  private:
   // len is 2, 4 or 8 at every call: one load, not a byte loop.
   uint64_t le(size_t off, size_t len) const {
-    if (!Has(off, len)) return 0;
-    uint64_t v = 0;
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    std::memcpy(&v, p_ + off, len);
-#else
-    for (size_t i = len; i-- > 0;) v = (v << 8) | p_[off + i];
-#endif
-    return v;
+    return Has(off, len) ? LoadLe(p_ + off, len) : 0;
   }
   uint64_t be(size_t off, size_t len) const {
     if (!Has(off, len)) return 0;
