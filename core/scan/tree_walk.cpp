@@ -37,13 +37,32 @@ api::status_t CTreeWalk::Run(ITreeVisitor& visitor) {
   return memory_;
 }
 
+// Rounds wait on each other like the frames of a depth-first walk: once the
+// children a round queues reach the round limit, they become a round of
+// their own, visited before the rest of the round that queued them. A wide
+// tree then holds at most about the limit per level being walked, not a
+// whole level.
 api::status_t CTreeWalk::RunRounds(ITreeVisitor& visitor) {
-  std::vector<WalkNode> round;
-  while (!stack_.empty()) {
-    round.swap(stack_);
-    stack_.clear();
-    visitor.Order(round.data(), round.size());
-    for (const WalkNode& node : round) QORV_TRY(VisitOne(visitor, node));
+  struct Round {
+    std::vector<WalkNode> nodes;
+    size_t next = 0;
+  };
+  std::vector<Round> rounds;
+  for (;;) {
+    if (!rounds.empty() && rounds.back().next == rounds.back().nodes.size()) {
+      rounds.pop_back();
+      continue;
+    }
+    if (!stack_.empty() && (rounds.empty() || stack_.size() >= roundLimit_)) {
+      rounds.emplace_back();
+      rounds.back().nodes.swap(stack_);
+      visitor.Order(rounds.back().nodes.data(), rounds.back().nodes.size());
+      if (rounds.size() > deepestRound_) deepestRound_ = uint32_t(rounds.size());
+      continue;
+    }
+    if (rounds.empty()) break;
+    Round& r = rounds.back();
+    QORV_TRY(VisitOne(visitor, r.nodes[r.next++]));
   }
   return memory_;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 #include <vector>
 
 #include "core/scan/address_map.h"
@@ -158,5 +159,24 @@ TEST(TreeWalk, CyclesAndSharedNodesAreVisitedOnceAndDepthIsBounded) {
   ASSERT_EQ(bounded.Run(deep), api::QORV_OK);
   EXPECT_EQ(deep.order.size(), 1001u);
   EXPECT_EQ(bounded.MaxDepthReached(), 1000u);
+  EXPECT_EQ(session.Problems(), 1u);
+
+  // In rounds, a level wider than the round limit is walked in parts, each
+  // part's children before the rest of the level: every node still once.
+  GraphVisitor wide;
+  for (uint64_t i = 1; i <= 100; ++i) {
+    wide.children[0].push_back(i);
+    for (uint64_t j = 0; j < 100; ++j) wide.children[i].push_back(1000 + i * 100 + j);
+  }
+  for (size_t limit : {size_t(64), size_t(1) << 20}) {
+    GraphVisitor w = wide;
+    CTreeWalk rounds(session, "wide tree");
+    rounds.SetRoundLimit(limit);
+    rounds.Add(0);
+    ASSERT_EQ(rounds.RunRounds(w), api::QORV_OK);
+    EXPECT_EQ(std::set<uint64_t>(w.order.begin(), w.order.end()).size(), 10101u);
+    EXPECT_EQ(w.order.size(), 10101u);
+    EXPECT_EQ(rounds.DeepestRound(), limit == 64 ? 2u : 1u) << limit;
+  }
   EXPECT_EQ(session.Problems(), 1u);
 }
